@@ -1,0 +1,10 @@
+# Applies the sanitizer chosen with OZM_SANITIZE to every target that follows.
+if(OZM_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+elseif(OZM_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT OZM_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "OZM_SANITIZE must be empty, address or thread (got '${OZM_SANITIZE}')")
+endif()
