@@ -3,6 +3,7 @@
 # With a complete NDK in $ANDROID_NDK this simply defers to the NDK's own toolchain file. Some NDK
 # copies ship without their clang (sysroot and libraries only); for those we build with the system's
 # clang and lld against the NDK's sysroot instead, which is enough to compile and link the plug-in.
+# scripts/android-build.sh builds both ABIs this way and checks what the linker produced.
 
 if(NOT ANDROID_NDK)
   set(ANDROID_NDK "$ENV{ANDROID_NDK}")
@@ -10,6 +11,9 @@ endif()
 if(NOT ANDROID_NDK OR NOT EXISTS "${ANDROID_NDK}/build/cmake/android.toolchain.cmake")
   message(FATAL_ERROR "Set ANDROID_NDK to the root of an Android NDK (got '${ANDROID_NDK}')")
 endif()
+# Remember the NDK: ninja re-runs CMake on its own when a CMakeLists.txt changes, and then the
+# environment of the original configure is gone.
+set(ANDROID_NDK "${ANDROID_NDK}" CACHE PATH "Root of the Android NDK")
 
 set(_ozm_ndk_host "linux-x86_64")
 set(_ozm_ndk_llvm "${ANDROID_NDK}/toolchains/llvm/prebuilt/${_ozm_ndk_host}")
@@ -25,42 +29,113 @@ endif()
 if(NOT ANDROID_PLATFORM)
   set(ANDROID_PLATFORM "android-21")
 endif()
+if(NOT ANDROID_STL)
+  set(ANDROID_STL "c++_shared")
+endif()
+if(NOT ANDROID_STL STREQUAL "c++_shared")
+  message(FATAL_ERROR "Without the NDK's clang only ANDROID_STL=c++_shared is supported (got '${ANDROID_STL}')")
+endif()
+if(NOT DEFINED ANDROID_ARM_NEON)
+  set(ANDROID_ARM_NEON ON)
+endif()
 string(REGEX REPLACE "^android-" "" _ozm_api "${ANDROID_PLATFORM}")
+if(NOT _ozm_api MATCHES "^[0-9]+$")
+  message(FATAL_ERROR "ANDROID_PLATFORM must look like android-21 (got '${ANDROID_PLATFORM}')")
+endif()
 
 if(ANDROID_ABI STREQUAL "armeabi-v7a")
   set(_ozm_triple "armv7a-linux-androideabi${_ozm_api}")
   set(_ozm_lib_triple "arm-linux-androideabi")
   set(CMAKE_SYSTEM_PROCESSOR armv7-a)
-  set(_ozm_arch_flags "-march=armv7-a -mthumb -mfloat-abi=softfp -mfpu=neon")
+  if(ANDROID_ARM_NEON)
+    set(_ozm_fpu "neon")
+  else()
+    set(_ozm_fpu "vfpv3-d16")
+  endif()
+  set(_ozm_arch_flags "-march=armv7-a -mthumb -mfloat-abi=softfp -mfpu=${_ozm_fpu}")
+  # Works around the Cortex-A8 branch erratum, as the NDK does for every armv7 binary.
+  set(_ozm_arch_link_flags "-Wl,--fix-cortex-a8")
 elseif(ANDROID_ABI STREQUAL "arm64-v8a")
   set(_ozm_triple "aarch64-linux-android${_ozm_api}")
   set(_ozm_lib_triple "aarch64-linux-android")
   set(CMAKE_SYSTEM_PROCESSOR aarch64)
   set(_ozm_arch_flags "")
+  set(_ozm_arch_link_flags "-Wl,--fix-cortex-a53-843419")
 else()
-  message(FATAL_ERROR "Unsupported ANDROID_ABI '${ANDROID_ABI}'")
+  message(FATAL_ERROR "Unsupported ANDROID_ABI '${ANDROID_ABI}' (armeabi-v7a or arm64-v8a)")
 endif()
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_VERSION ${_ozm_api})
 set(ANDROID TRUE)
 set(CMAKE_SYSROOT "${_ozm_ndk_llvm}/sysroot")
-set(CMAKE_C_COMPILER clang)
-set(CMAKE_CXX_COMPILER clang++)
+set(_ozm_api_lib_dir "${CMAKE_SYSROOT}/usr/lib/${_ozm_lib_triple}/${_ozm_api}")
+if(NOT EXISTS "${_ozm_api_lib_dir}/libc.so")
+  message(FATAL_ERROR "The NDK has no ${ANDROID_ABI} libraries for API ${_ozm_api} (${_ozm_api_lib_dir})")
+endif()
+
+find_program(_ozm_clang NAMES clang REQUIRED)
+find_program(_ozm_clangxx NAMES clang++ REQUIRED)
+find_program(_ozm_lld NAMES ld.lld REQUIRED)
+set(CMAKE_C_COMPILER "${_ozm_clang}")
+set(CMAKE_CXX_COMPILER "${_ozm_clangxx}")
 set(CMAKE_C_COMPILER_TARGET ${_ozm_triple})
 set(CMAKE_CXX_COMPILER_TARGET ${_ozm_triple})
-set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ANDROID_NDK ANDROID_ABI ANDROID_PLATFORM ANDROID_STL)
+set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES
+    ANDROID_NDK ANDROID_ABI ANDROID_PLATFORM ANDROID_STL ANDROID_ARM_NEON)
 # The armv7 compiler builtins are not part of such an NDK copy, so probe compilers without linking.
 set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
 
-set(_ozm_stl_dir "${ANDROID_NDK}/sources/cxx-stl/llvm-libc++/libs/${ANDROID_ABI}")
-set(CMAKE_C_FLAGS_INIT "${_ozm_arch_flags} -DANDROID -fdata-sections -ffunction-sections")
-set(CMAKE_CXX_FLAGS_INIT "${_ozm_arch_flags} -DANDROID -fdata-sections -ffunction-sections -stdlib=libc++")
+# The shared C++ runtime. NDK releases keep it beside the libc++ headers' sources, some copies only
+# in the sysroot.
+set(_ozm_cxx_shared "")
+foreach(_ozm_dir "${ANDROID_NDK}/sources/cxx-stl/llvm-libc++/libs/${ANDROID_ABI}"
+                 "${CMAKE_SYSROOT}/usr/lib/${_ozm_lib_triple}")
+  if(EXISTS "${_ozm_dir}/libc++_shared.so")
+    set(_ozm_cxx_shared "${_ozm_dir}/libc++_shared.so")
+    break()
+  endif()
+endforeach()
+get_property(_ozm_in_try_compile GLOBAL PROPERTY IN_TRY_COMPILE)
+if(NOT _ozm_cxx_shared AND NOT _ozm_in_try_compile)
+  # Link against an empty library that carries only the runtime's soname, so the plug-in still
+  # records its dependency on libc++_shared.so. Which runtime symbols it uses can then not be
+  # checked against the real library; scripts/android-build.sh reports those.
+  set(_ozm_cxx_shared "${CMAKE_BINARY_DIR}/cxx-runtime-placeholder/libc++_shared.so")
+  if(NOT EXISTS "${_ozm_cxx_shared}")
+    message(WARNING "The NDK has no libc++_shared.so for ${ANDROID_ABI}; linking against an empty "
+                    "placeholder (${_ozm_cxx_shared}). Package the real runtime with the plug-in.")
+    file(MAKE_DIRECTORY "${CMAKE_BINARY_DIR}/cxx-runtime-placeholder")
+    execute_process(
+      COMMAND "${_ozm_clang}" --target=${_ozm_triple} -fuse-ld=lld -shared -nostdlib
+              -Wl,-soname,libc++_shared.so -x c /dev/null -o "${_ozm_cxx_shared}"
+      RESULT_VARIABLE _ozm_rc ERROR_VARIABLE _ozm_err)
+    if(NOT _ozm_rc EQUAL 0)
+      message(FATAL_ERROR "Could not create the C++ runtime placeholder: ${_ozm_err}")
+    endif()
+  endif()
+endif()
+# Since r19 the armv7 runtime leaves the unwinder to each binary: link it statically (its symbols
+# stay hidden through --exclude-libs), or the exception personality routines stay unresolved.
+set(_ozm_unwind "")
+if(ANDROID_ABI STREQUAL "armeabi-v7a"
+   AND EXISTS "${ANDROID_NDK}/sources/cxx-stl/llvm-libc++/libs/${ANDROID_ABI}/libunwind.a")
+  set(_ozm_unwind "${ANDROID_NDK}/sources/cxx-stl/llvm-libc++/libs/${ANDROID_ABI}/libunwind.a")
+endif()
+
+set(_ozm_common_flags
+    "${_ozm_arch_flags} -DANDROID -fdata-sections -ffunction-sections -funwind-tables -fstack-protector-strong -Wa,--noexecstack")
+set(CMAKE_C_FLAGS_INIT "${_ozm_common_flags}")
+set(CMAKE_CXX_FLAGS_INIT "${_ozm_common_flags} -stdlib=libc++")
+set(CMAKE_C_FLAGS_RELEASE_INIT "-O3 -DNDEBUG -D_FORTIFY_SOURCE=2")
+set(CMAKE_CXX_FLAGS_RELEASE_INIT "-O3 -DNDEBUG -D_FORTIFY_SOURCE=2")
 # Default libraries are named explicitly: the C library set of the API level and the shared C++
-# runtime. Compiler builtins stay unresolved here; the device's loader never needs them from us
-# because scripts/android-build.sh checks that only builtins are left.
+# runtime. Compiler builtins stay unresolved here; scripts/android-build.sh checks that nothing but
+# builtins is left. Both hash styles: loaders before API 23 only read DT_HASH.
 set(CMAKE_SHARED_LINKER_FLAGS_INIT
-    "-fuse-ld=lld -nodefaultlibs -Wl,--gc-sections -Wl,--build-id=sha1 -L${CMAKE_SYSROOT}/usr/lib/${_ozm_lib_triple}/${_ozm_api} ${_ozm_stl_dir}/libc++_shared.so -lc -lm -ldl")
+    "-fuse-ld=lld -nodefaultlibs -Wl,--gc-sections -Wl,--build-id=sha1 -Wl,--hash-style=both -Wl,-z,noexecstack -Wl,-z,relro -Wl,-z,now -Wl,--warn-shared-textrel ${_ozm_arch_link_flags}")
+set(CMAKE_CXX_STANDARD_LIBRARIES_INIT "${_ozm_unwind} ${_ozm_cxx_shared} -lc -lm -ldl")
+set(CMAKE_C_STANDARD_LIBRARIES_INIT "${_ozm_unwind} -lc -lm -ldl")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
