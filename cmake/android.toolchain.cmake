@@ -11,6 +11,7 @@ endif()
 if(NOT ANDROID_NDK OR NOT EXISTS "${ANDROID_NDK}/build/cmake/android.toolchain.cmake")
   message(FATAL_ERROR "Set ANDROID_NDK to the root of an Android NDK (got '${ANDROID_NDK}')")
 endif()
+get_filename_component(ANDROID_NDK "${ANDROID_NDK}" ABSOLUTE)
 # Remember the NDK: ninja re-runs CMake on its own when a CMakeLists.txt changes, and then the
 # environment of the original configure is gone.
 set(ANDROID_NDK "${ANDROID_NDK}" CACHE PATH "Root of the Android NDK")
@@ -74,9 +75,9 @@ if(NOT EXISTS "${_ozm_api_lib_dir}/libc.so")
   message(FATAL_ERROR "The NDK has no ${ANDROID_ABI} libraries for API ${_ozm_api} (${_ozm_api_lib_dir})")
 endif()
 
-find_program(_ozm_clang NAMES clang REQUIRED)
-find_program(_ozm_clangxx NAMES clang++ REQUIRED)
-find_program(_ozm_lld NAMES ld.lld REQUIRED)
+find_program(_ozm_clang NAMES clang REQUIRED NO_CMAKE_FIND_ROOT_PATH)
+find_program(_ozm_clangxx NAMES clang++ REQUIRED NO_CMAKE_FIND_ROOT_PATH)
+find_program(_ozm_lld NAMES ld.lld REQUIRED NO_CMAKE_FIND_ROOT_PATH)
 set(CMAKE_C_COMPILER "${_ozm_clang}")
 set(CMAKE_CXX_COMPILER "${_ozm_clangxx}")
 set(CMAKE_C_COMPILER_TARGET ${_ozm_triple})
@@ -124,11 +125,9 @@ if(ANDROID_ABI STREQUAL "armeabi-v7a"
 endif()
 
 set(_ozm_common_flags
-    "${_ozm_arch_flags} -DANDROID -fdata-sections -ffunction-sections -funwind-tables -fstack-protector-strong -Wa,--noexecstack")
+    "${_ozm_arch_flags} -DANDROID -fdata-sections -ffunction-sections -funwind-tables -fstack-protector-strong -D_FORTIFY_SOURCE=2")
 set(CMAKE_C_FLAGS_INIT "${_ozm_common_flags}")
 set(CMAKE_CXX_FLAGS_INIT "${_ozm_common_flags} -stdlib=libc++")
-set(CMAKE_C_FLAGS_RELEASE_INIT "-O3 -DNDEBUG -D_FORTIFY_SOURCE=2")
-set(CMAKE_CXX_FLAGS_RELEASE_INIT "-O3 -DNDEBUG -D_FORTIFY_SOURCE=2")
 # Default libraries are named explicitly: the C library set of the API level and the shared C++
 # runtime. Compiler builtins stay unresolved here; scripts/android-build.sh checks that nothing but
 # builtins is left. Both hash styles: loaders before API 23 only read DT_HASH.

@@ -17,7 +17,7 @@ enum LogPriority : int {
 constexpr const char* kLogTag = "OzmUnityPlugin";
 
 void LogPrint(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void LogPrintV(int priority, const char* format, va_list args);
+void LogPrintV(int priority, const char* format, va_list args) __attribute__((format(printf, 2, 0)));
 
 // Non-fatal assertion: logs "ASSERT FAILED: '<expr>' at <path> line <n>" at info priority and
 // returns, so that execution goes on. The path is the source file relative to the project root,

@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Sets everything up and runs the whole test suite:
+#   host      the unit and integration tests (gcc, optimised with debug info)
+#   host-asan the same under AddressSanitizer and UndefinedBehaviorSanitizer
+#   fuzz      every fuzz target for a short fixed number of libFuzzer iterations (clang)
+# Choose other presets with OZM_TEST_PRESETS="host fuzz".
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/deps.sh
+
+presets=${OZM_TEST_PRESETS:-host host-asan fuzz}
+jobs=$(nproc 2>/dev/null || echo 2)
+total=0
+failed=0
+for preset in $presets; do
+  echo "== $preset: configure and build"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" -j "$jobs"
+  echo "== $preset: tests"
+  log=$(mktemp)
+  if ctest --preset "$preset" -j "$jobs" 2>&1 | tee "$log" | grep -E '^ *[0-9]+/[0-9]+ Test|tests passed|tests failed|\*\*\*'; then :; fi
+  summary=$(grep -E 'tests passed, [0-9]+ tests failed out of [0-9]+' "$log" || true)
+  rm -f "$log"
+  if [ -z "$summary" ]; then
+    echo "== $preset: ctest did not report a result"
+    exit 1
+  fi
+  count=$(sed -E 's/.*out of ([0-9]+).*/\1/' <<<"$summary")
+  bad=$(sed -E 's/.* ([0-9]+) tests failed.*/\1/' <<<"$summary")
+  total=$((total + count))
+  failed=$((failed + bad))
+  echo "== $preset: $summary"
+done
+echo "tests: $((total - failed)) passed, $failed failed"
+[ "$failed" -eq 0 ]
