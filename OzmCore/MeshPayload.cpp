@@ -42,8 +42,7 @@ Stream* FindCompressedMesh(const unsigned char* data, unsigned int size) {
       static_cast<uint32_t>(header[kSizeHighOffset]) << 16 | static_cast<uint32_t>(header[kSizeHighOffset + 1]) << 24);
   const size_t escapedSize = payloadSize > 0 ? static_cast<size_t>(payloadSize) : 0;
   if (escapedSize > size - (unit + kPayloadOffset)) {
-    OZM_LOGE("FindCompressedMesh: mesh payload of %d bytes runs past the end of the %u-byte sample", payloadSize,
-             size);
+    OZM_LOGE("FindCompressedMesh: mesh payload of %d bytes runs past the end of the %u-byte sample", payloadSize, size);
     return nullptr;
   }
 
@@ -107,9 +106,9 @@ const StreamingPrefixes& Prefixes() {
 std::atomic<bool> g_allowLoopback{false};
 
 bool IsLoopbackURL(const char* url) {
-  static const char* const kLoopback[] = {"http://127.0.0.1:", "http://127.0.0.1/", "http://localhost:",
-                                          "http://localhost/", "http://[::1]:",     "https://127.0.0.1:",
-                                          "https://localhost:"};
+  static const char* const kLoopback[] = {
+      "http://127.0.0.1:", "http://127.0.0.1/",  "http://localhost:", "http://localhost/",
+      "http://[::1]:",     "https://127.0.0.1:", "https://localhost:"};
   for (const char* prefix : kLoopback) {
     if (std::strncmp(url, prefix, std::strlen(prefix)) == 0) return true;
   }

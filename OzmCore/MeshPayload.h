@@ -12,12 +12,12 @@ namespace OzmCrossPlatform {
 namespace MeshNal {
 constexpr uint8_t kHeaderByteType21 = 0x15;
 constexpr uint8_t kHeaderByteType24 = 0x18;
-constexpr size_t kTagOffset = 4;            // "WELM"
-constexpr size_t kSizeLowOffset = 12;       // bits 0..15 at 12, 13
-constexpr size_t kSeparatorOffset = 14;     // keeps the size bytes from forming a start code
-constexpr size_t kSizeHighOffset = 15;      // bits 16..31 at 15, 16
+constexpr size_t kTagOffset = 4;         // "WELM"
+constexpr size_t kSizeLowOffset = 12;    // bits 0..15 at 12, 13
+constexpr size_t kSeparatorOffset = 14;  // keeps the size bytes from forming a start code
+constexpr size_t kSizeHighOffset = 15;   // bits 16..31 at 15, 16
 constexpr size_t kPayloadOffset = 26;
-constexpr size_t kIgnoredPrefixBytes = 8;   // unescaped payload bytes in front of the mesh header
+constexpr size_t kIgnoredPrefixBytes = 8;  // unescaped payload bytes in front of the mesh header
 }  // namespace MeshNal
 
 // Finds the first mesh NAL unit in an access unit (Annex B, start codes included), removes the

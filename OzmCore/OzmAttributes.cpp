@@ -17,11 +17,11 @@ struct XtraProperty {
 
 // The properties in the order they are read.
 constexpr XtraProperty kXtraProperties[] = {
-    {&OzmAttrib_FrameCount, kXtraTypeUInt32, true},     {&OzmAttrib_MaxVertexCount, kXtraTypeUInt32, true},
-    {&OzmAttrib_MaxIndexCount, kXtraTypeUInt32, true},  {&OzmAttrib_BBoxMinX, kXtraTypeDouble, true},
-    {&OzmAttrib_BBoxMaxX, kXtraTypeDouble, true},       {&OzmAttrib_BBoxMinY, kXtraTypeDouble, true},
-    {&OzmAttrib_BBoxMaxY, kXtraTypeDouble, true},       {&OzmAttrib_BBoxMinZ, kXtraTypeDouble, true},
-    {&OzmAttrib_BBoxMaxZ, kXtraTypeDouble, true},       {&OzmAttrib_HasVertexNormals, kXtraTypeUInt32, false},
+    {&OzmAttrib_FrameCount, kXtraTypeUInt32, true},    {&OzmAttrib_MaxVertexCount, kXtraTypeUInt32, true},
+    {&OzmAttrib_MaxIndexCount, kXtraTypeUInt32, true}, {&OzmAttrib_BBoxMinX, kXtraTypeDouble, true},
+    {&OzmAttrib_BBoxMaxX, kXtraTypeDouble, true},      {&OzmAttrib_BBoxMinY, kXtraTypeDouble, true},
+    {&OzmAttrib_BBoxMaxY, kXtraTypeDouble, true},      {&OzmAttrib_BBoxMinZ, kXtraTypeDouble, true},
+    {&OzmAttrib_BBoxMaxZ, kXtraTypeDouble, true},      {&OzmAttrib_HasVertexNormals, kXtraTypeUInt32, false},
 };
 
 // Layout of one property, relative to the first character of its name.
@@ -33,7 +33,8 @@ constexpr size_t kValueOffset = 50;
 constexpr size_t kWideTypeValueOffset = 54;
 
 uint32_t ReadBE32(const uint8_t* p) {
-  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 | static_cast<uint32_t>(p[2]) << 8 | p[3];
+  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 | static_cast<uint32_t>(p[2]) << 8 |
+         p[3];
 }
 
 const uint8_t* Find(const uint8_t* begin, const uint8_t* end, const char* needle, size_t n) {

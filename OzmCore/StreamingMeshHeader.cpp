@@ -36,7 +36,8 @@ HRESULT CStreamingMeshHeader::Read(IStream* stream) {
   // legacy mesh with slightly wrong flags still plays.
   const uint8_t headerVersion = m_Version.v.m_MeshHeaderVersion;
   const uint8_t vertexVersion = m_Version.v.m_VertexVersion;
-  if (vertexVersion == NWelmStudioVertexVersion::c_LegacyPackedVertexVersion && (headerVersion == 2 || headerVersion == 3)) {
+  if (vertexVersion == NWelmStudioVertexVersion::c_LegacyPackedVertexVersion &&
+      (headerVersion == 2 || headerVersion == 3)) {
     OZM_ASSERT(m_Version.v.m_FormatFlags == 0);
   } else if (headerVersion == 0 || headerVersion == 1) {
     OZM_ASSERT(m_Version.v.m_FormatFlags == 0);

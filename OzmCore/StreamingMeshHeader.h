@@ -75,7 +75,7 @@ static_assert(sizeof(CStreamingMeshHeader::Version) == 4, "the version word is f
 // Legacy version words are rewritten to their current equivalent; shared by the reader and writer so
 // that both agree on which optional fields a given word implies.
 struct LegacyUpgrade {
-  uint32_t word;   // the version word after the upgrade
-  bool upgraded;   // header versions 0 to 3: the index count is derived, not read
+  uint32_t word;  // the version word after the upgrade
+  bool upgraded;  // header versions 0 to 3: the index count is derived, not read
 };
 LegacyUpgrade UpgradeLegacyVersionWord(uint32_t word);

@@ -15,7 +15,7 @@ inline void SilenceLogOnce() {
 }
 
 // Stops the run the way the sanitizers do, so the fuzzer records the input.
-#define FUZZ_CHECK(cond) \
-  do {                   \
+#define FUZZ_CHECK(cond)           \
+  do {                             \
     if (!(cond)) __builtin_trap(); \
   } while (0)

@@ -54,10 +54,12 @@ int main(int argc, char** argv) {
     uint8_t vertex, flags, version, index;
   };
   const Layout layouts[] = {
-      {"key", 2, 0x01, 5, 4},         {"key-ids-normals", 2, 0x39, 5, 3}, {"delta", 3, 0x01, 6, 2},
-      {"golomb", 4, 0x11, 6, 1},      {"temporal", 7, 0x19, 7, 4},        {"legacy0", 19, 0, 0, 0},
-      {"legacy1", 19, 0, 1, 0},       {"legacy2", 23, 0, 2, 0},           {"legacy3", 23, 0, 3, 0},
-      {"strips", 2, 0x02, 5, 1},      {"hires", 22, 0, 5, 1},
+      {"key", 2, 0x01, 5, 4},      {"key-ids-normals", 2, 0x39, 5, 3},
+      {"delta", 3, 0x01, 6, 2},    {"golomb", 4, 0x11, 6, 1},
+      {"temporal", 7, 0x19, 7, 4}, {"legacy0", 19, 0, 0, 0},
+      {"legacy1", 19, 0, 1, 0},    {"legacy2", 23, 0, 2, 0},
+      {"legacy3", 23, 0, 3, 0},    {"strips", 2, 0x02, 5, 1},
+      {"hires", 22, 0, 5, 1},
   };
   for (const Layout& l : layouts) {
     const Bytes header = Header(l.vertex, l.flags, l.version, l.index);
@@ -82,7 +84,11 @@ int main(int argc, char** argv) {
   a.hasVertexNormals = 1;
   Bytes tail(64, 0x42);
   Bytes block = OzmEncode::WriteXtraBlock(a);
-  Write(root / "xtra_attributes", "full.bin", [&] { Bytes b = tail; b.insert(b.end(), block.begin(), block.end()); return b; }());
+  Write(root / "xtra_attributes", "full.bin", [&] {
+    Bytes b = tail;
+    b.insert(b.end(), block.begin(), block.end());
+    return b;
+  }());
   a.writeHasVertexNormals = false;
   Write(root / "xtra_attributes", "no-normals.bin", OzmEncode::WriteXtraBlock(a));
   std::vector<OzmEncode::XtraProperty> wide = OzmEncode::XtraPropertiesOf(a);

@@ -46,7 +46,8 @@ Input Mutate(const std::vector<Input>& corpus, std::mt19937& rng) {
       case 4:
         if (n > 1) {  // erase a range
           const size_t at = rng() % n;
-          input.erase(input.begin() + static_cast<long>(at), input.begin() + static_cast<long>(std::min(n, at + 1 + rng() % 16)));
+          input.erase(input.begin() + static_cast<long>(at),
+                      input.begin() + static_cast<long>(std::min(n, at + 1 + rng() % 16)));
         }
         break;
       default: {  // splice the head of another input

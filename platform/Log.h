@@ -32,10 +32,7 @@ void AssertFailedWide(const wchar_t* expression, const char* file, int line);
 #define OZM_LOGE(...) ::OzmPlatform::LogPrint(::OzmPlatform::kLogError, __VA_ARGS__)
 
 // Evaluates to the value of the condition, so callers can still react to a failed check.
-#define OZM_ASSERT(cond) \
-  ((cond) ? true : (::OzmPlatform::AssertFailed(#cond, __FILE__, __LINE__), false))
-#define OZM_ASSERT_WIDE(cond) \
-  ((cond) ? true : (::OzmPlatform::AssertFailedWide(L## #cond, __FILE__, __LINE__), false))
+#define OZM_ASSERT(cond) ((cond) ? true : (::OzmPlatform::AssertFailed(#cond, __FILE__, __LINE__), false))
+#define OZM_ASSERT_WIDE(cond) ((cond) ? true : (::OzmPlatform::AssertFailedWide(L## #cond, __FILE__, __LINE__), false))
 // For checks that are written as a message rather than as code: logs the text as given.
-#define OZM_ASSERT_MSG(cond, text) \
-  ((cond) ? true : (::OzmPlatform::AssertFailed(text, __FILE__, __LINE__), false))
+#define OZM_ASSERT_MSG(cond, text) ((cond) ? true : (::OzmPlatform::AssertFailed(text, __FILE__, __LINE__), false))

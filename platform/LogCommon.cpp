@@ -1,8 +1,8 @@
 // Backend-independent half of the logging port: assertion formatting.
-#include "platform/Log.h"
-
 #include <cstring>
 #include <string>
+
+#include "platform/Log.h"
 
 namespace OzmPlatform {
 namespace {

@@ -96,8 +96,8 @@ TEST(XtraAttributes, MalformedBlocksFailWithTheirMessageAndKeepWhatWasStored) {
     const char* name;
     std::function<std::vector<uint8_t>()> bytes;
     bool ok;
-    std::string message;     // the one line expected, or empty for none
-    bool frameCountStored;   // whether the first property made it in
+    std::string message;    // the one line expected, or empty for none
+    bool frameCountStored;  // whether the first property made it in
   };
   const auto with = [](const std::function<void(std::vector<XtraProperty>&)>& change) {
     std::vector<XtraProperty> properties = OzmEncode::XtraPropertiesOf(SampleAttributes());
@@ -109,8 +109,13 @@ TEST(XtraAttributes, MalformedBlocksFailWithTheirMessageAndKeepWhatWasStored) {
       {"bounding box stored as u32",
        [&] { return with([](auto& p) { p[3].type = OzmCrossPlatform::kXtraTypeUInt32; }); }, false,
        "ReadXtraAttributes: expected type 5 but got type 19 for attribute " + Name(OzmAttrib_BBoxMinX) + "\n", true},
-      {"alternative type encoding", [&] { return with([](auto& p) { for (auto& x : p) x.wideType = true; }); }, true,
-       "", true},
+      {"alternative type encoding",
+       [&] {
+         return with([](auto& p) {
+           for (auto& x : p) x.wideType = true;
+         });
+       },
+       true, "", true},
       {"missing required property", [&] { return with([](auto& p) { p.erase(p.begin() + 2); }); }, false,
        "ReadXtraAttributes: couldn't find attribute for guid " + Name(OzmAttrib_MaxIndexCount) + "\n", true},
       {"no block at all", [] { return std::vector<uint8_t>(500, 0x20); }, false,

@@ -174,10 +174,8 @@ TEST(Stream, ReadsAreShortAtTheEndAndAlwaysSucceed) {
     std::vector<unsigned int> requests, counts;
   };
   const Case cases[] = {
-      {10, 8, {4, 4}, {2, 0}},
-      {10, 0, {3, 3, 3, 3, 3}, {3, 3, 3, 1, 0}},
-      {8, 8, {1}, {0}},
-      {5, 8, {4, 0}, {0, 0}},  // a payload shorter than its prefix reads nothing
+      {10, 8, {4, 4}, {2, 0}}, {10, 0, {3, 3, 3, 3, 3}, {3, 3, 3, 1, 0}},
+      {8, 8, {1}, {0}},        {5, 8, {4, 0}, {0, 0}},  // a payload shorter than its prefix reads nothing
       {0, 0, {16}, {0}},
   };
   for (const Case& c : cases) {
@@ -221,7 +219,8 @@ TEST(RefCounting, ReachingZeroAgainDuringDestructionDoesNotDestroyTwice) {
   EXPECT_EQ(probe->ReleaseImpl(), 0u);
   EXPECT_EQ(destroyed, 1);
   ASSERT_EQ(log.Lines().size(), 1u);
-  EXPECT_EQ(log.Lines()[0].text.rfind("ASSERT FAILED: 'm_DestructionFlag == 0' at OzmCore/OzmMediaObjects line", 0), 0u);
+  EXPECT_EQ(log.Lines()[0].text.rfind("ASSERT FAILED: 'm_DestructionFlag == 0' at OzmCore/OzmMediaObjects line", 0),
+            0u);
 }
 
 TEST(RefCounting, ConcurrentAddRefReleaseDestroysExactlyOnce) {

@@ -52,7 +52,14 @@ TEST(FindCompressedMesh, FindsUnitsAndUnescapesThemByTheReaderRule) {
       {"four-byte start code", RawUnit(0x15, WithPrefix({1, 2, 3}), {0, 0, 0, 1}), true, WithPrefix({1, 2, 3})},
       {"type 24 after another NAL unit", cat(aud, RawUnit(0x18, WithPrefix({9}))), true, WithPrefix({9})},
       {"type 21 with a reference indicator is not a mesh unit", RawUnit(0x35, WithPrefix({1})), false, {}},
-      {"wrong tag", [] { Bytes u = RawUnit(0x18, WithPrefix({1})); u[7] = 'N'; return u; }(), false, {}},
+      {"wrong tag",
+       [] {
+         Bytes u = RawUnit(0x18, WithPrefix({1}));
+         u[7] = 'N';
+         return u;
+       }(),
+       false,
+       {}},
       {"escape 00 00 03 01", RawUnit(0x18, WithPrefix({0, 0, 3, 1})), true, WithPrefix({0, 0, 1})},
       {"00 00 03 04 is no escape", RawUnit(0x18, WithPrefix({0, 0, 3, 4})), true, WithPrefix({0, 0, 3, 4})},
       {"the byte after an escape is consumed with it", RawUnit(0x18, WithPrefix({0, 0, 3, 0, 0, 3, 1})), true,
@@ -64,11 +71,30 @@ TEST(FindCompressedMesh, FindsUnitsAndUnescapesThemByTheReaderRule) {
       {"three bytes", {0, 0, 1}, false, {}},
       {"empty", {}, false, {}},
       {"tag cut off", {0, 0, 1, 0x18, 'W', 'E'}, false, {}},
-      {"header cut off", [] { Bytes u = RawUnit(0x18, WithPrefix({})); u.resize(20); return u; }(), false, {}},
+      {"header cut off",
+       [] {
+         Bytes u = RawUnit(0x18, WithPrefix({}));
+         u.resize(20);
+         return u;
+       }(),
+       false,
+       {}},
       {"payload size beyond the sample",
-       [] { Bytes u = RawUnit(0x18, WithPrefix({1, 2})); u.pop_back(); return u; }(), false, {}},
+       [] {
+         Bytes u = RawUnit(0x18, WithPrefix({1, 2}));
+         u.pop_back();
+         return u;
+       }(),
+       false,
+       {}},
       {"negative payload size gives an empty payload",
-       [] { Bytes u = RawUnit(0x18, WithPrefix({1, 2})); u[16] = 0x80; return u; }(), true, {}},
+       [] {
+         Bytes u = RawUnit(0x18, WithPrefix({1, 2}));
+         u[16] = 0x80;
+         return u;
+       }(),
+       true,
+       {}},
   };
   for (const Case& c : cases) {
     OzmPlatform::ScopedLogCapture quiet;
@@ -98,7 +124,8 @@ TEST(FindCompressedMesh, ReportsATruncatedPayload) {
   EXPECT_EQ(FindCompressedMesh(unit.data(), static_cast<unsigned>(unit.size())), nullptr);
   ASSERT_EQ(log.Lines().size(), 1u);
   EXPECT_EQ(log.Lines()[0].priority, OzmPlatform::kLogError);
-  EXPECT_EQ(log.Lines()[0].text, "FindCompressedMesh: mesh payload of 100 bytes runs past the end of the 116-byte sample");
+  EXPECT_EQ(log.Lines()[0].text,
+            "FindCompressedMesh: mesh payload of 100 bytes runs past the end of the 116-byte sample");
 }
 
 // Random payloads rich in what escaping must get right: long zero runs, values 0..3, and 00 00 03.

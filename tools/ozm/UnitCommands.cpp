@@ -138,7 +138,8 @@ int Read(const std::string& path) {
   std::printf("  flags          0x%02X\n", v.m_FormatFlags);
   std::printf("  bounding box   (%g, %g, %g) .. (%g, %g, %g)\n", header.m_bboxMin[0], header.m_bboxMin[1],
               header.m_bboxMin[2], header.m_bboxMax[0], header.m_bboxMax[1], header.m_bboxMax[2]);
-  if (v.m_FormatFlags & NWelmStudioFormatFlags::c_HasSubMeshId) std::printf("  sub-mesh id    %d\n", header.m_subMeshId);
+  if (v.m_FormatFlags & NWelmStudioFormatFlags::c_HasSubMeshId)
+    std::printf("  sub-mesh id    %d\n", header.m_subMeshId);
   if (v.m_FormatFlags & NWelmStudioFormatFlags::c_HasFrameId) std::printf("  frame id       %u\n", header.m_frameId);
   std::printf("  counts         %u vertices, %u faces, %u indices\n", header.m_numVertices, header.m_numFaces,
               header.m_numIndices);
