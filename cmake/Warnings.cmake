@@ -2,4 +2,4 @@
 add_library(ozm_warnings INTERFACE)
 target_compile_options(ozm_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wcast-align -Woverloaded-virtual
-  -Wnull-dereference -Wformat=2 -Wimplicit-fallthrough -Werror)
+  -Wformat=2 -Wimplicit-fallthrough -Werror)

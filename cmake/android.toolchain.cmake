@@ -79,16 +79,16 @@ find_program(_ozm_clang NAMES clang REQUIRED NO_CMAKE_FIND_ROOT_PATH)
 find_program(_ozm_clangxx NAMES clang++ REQUIRED NO_CMAKE_FIND_ROOT_PATH)
 find_program(_ozm_lld NAMES ld.lld REQUIRED NO_CMAKE_FIND_ROOT_PATH)
 set(CMAKE_C_COMPILER "${_ozm_clang}")
+set(CMAKE_LINKER "${_ozm_lld}")
 set(CMAKE_CXX_COMPILER "${_ozm_clangxx}")
 set(CMAKE_C_COMPILER_TARGET ${_ozm_triple})
 set(CMAKE_CXX_COMPILER_TARGET ${_ozm_triple})
 set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES
     ANDROID_NDK ANDROID_ABI ANDROID_PLATFORM ANDROID_STL ANDROID_ARM_NEON)
-# The armv7 compiler builtins are not part of such an NDK copy, so probe compilers without linking.
+# Such copies may lack the compiler builtins, so compilers are probed without linking.
 set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
 
-# The shared C++ runtime. NDK releases keep it beside the libc++ headers' sources, some copies only
-# in the sysroot.
+# The shared C++ runtime: under sources/cxx-stl in older NDK releases, in the sysroot in newer ones.
 set(_ozm_cxx_shared "")
 foreach(_ozm_dir "${ANDROID_NDK}/sources/cxx-stl/llvm-libc++/libs/${ANDROID_ABI}"
                  "${CMAKE_SYSROOT}/usr/lib/${_ozm_lib_triple}")
@@ -116,25 +116,39 @@ if(NOT _ozm_cxx_shared AND NOT _ozm_in_try_compile)
     endif()
   endif()
 endif()
-# Since r19 the armv7 runtime leaves the unwinder to each binary: link it statically (its symbols
-# stay hidden through --exclude-libs), or the exception personality routines stay unresolved.
+# The armv7 C++ runtime leaves the unwinder to each binary (the NDK's libc++.so linker script reads
+# INPUT(-lunwind ... -lc++_shared)): link it statically, its symbols stay hidden through
+# --exclude-libs. Without it the EHABI personality routines would stay unresolved.
 set(_ozm_unwind "")
 if(ANDROID_ABI STREQUAL "armeabi-v7a"
    AND EXISTS "${ANDROID_NDK}/sources/cxx-stl/llvm-libc++/libs/${ANDROID_ABI}/libunwind.a")
   set(_ozm_unwind "${ANDROID_NDK}/sources/cxx-stl/llvm-libc++/libs/${ANDROID_ABI}/libunwind.a")
 endif()
 
+# The compiler support libraries the NDK puts into every binary: builtins and, on arm64, the
+# unwinder. Where a copy lacks them the builtins stay unresolved; scripts/android-build.sh lists them.
+set(_ozm_gcc_dir "${_ozm_ndk_llvm}/lib/gcc/${_ozm_lib_triple}/4.9.x")
+if(ANDROID_ABI STREQUAL "armeabi-v7a")
+  string(APPEND _ozm_gcc_dir "/armv7-a/thumb")
+endif()
+set(_ozm_support "")
+foreach(_ozm_lib "${_ozm_api_lib_dir}/libcompiler_rt-extras.a" "${_ozm_gcc_dir}/libgcc_real.a")
+  if(EXISTS "${_ozm_lib}")
+    string(APPEND _ozm_support " ${_ozm_lib}")
+  endif()
+endforeach()
+
 set(_ozm_common_flags
     "${_ozm_arch_flags} -DANDROID -fdata-sections -ffunction-sections -funwind-tables -fstack-protector-strong -D_FORTIFY_SOURCE=2")
 set(CMAKE_C_FLAGS_INIT "${_ozm_common_flags}")
 set(CMAKE_CXX_FLAGS_INIT "${_ozm_common_flags} -stdlib=libc++")
-# Default libraries are named explicitly: the C library set of the API level and the shared C++
-# runtime. Compiler builtins stay unresolved here; scripts/android-build.sh checks that nothing but
-# builtins is left. Both hash styles: loaders before API 23 only read DT_HASH.
+# Default libraries are named explicitly: the C library set of the API level, the shared C++ runtime
+# and whatever of the support libraries above exists. scripts/android-build.sh checks that nothing
+# but builtins is left unresolved. Both hash styles: loaders before API 23 only read DT_HASH.
 set(CMAKE_SHARED_LINKER_FLAGS_INIT
     "-fuse-ld=lld -nodefaultlibs -Wl,--gc-sections -Wl,--build-id=sha1 -Wl,--hash-style=both -Wl,-z,noexecstack -Wl,-z,relro -Wl,-z,now -Wl,--warn-shared-textrel ${_ozm_arch_link_flags}")
-set(CMAKE_CXX_STANDARD_LIBRARIES_INIT "${_ozm_unwind} ${_ozm_cxx_shared} -lc -lm -ldl")
-set(CMAKE_C_STANDARD_LIBRARIES_INIT "${_ozm_unwind} -lc -lm -ldl")
+set(CMAKE_CXX_STANDARD_LIBRARIES_INIT "${_ozm_unwind} ${_ozm_cxx_shared}${_ozm_support} -lc -lm -ldl")
+set(CMAKE_C_STANDARD_LIBRARIES_INIT "${_ozm_unwind}${_ozm_support} -lc -lm -ldl")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
