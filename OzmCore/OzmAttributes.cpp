@@ -71,6 +71,10 @@ bool ReadXtraAttributes(const uint8_t* data, size_t size, IOzmAttributesCore* at
     uint16_t type = static_cast<uint16_t>(entry[kTypeOffset] << 8 | entry[kTypeOffset + 1]);
     size_t valueOffset = kValueOffset;
     if (type == 0x0041) {
+      if (available < kWideTypeValueOffset) {
+        OZM_LOGW("ReadXtraAttributes: attribute %s is cut off\n", name.c_str());
+        return false;
+      }
       type = static_cast<uint16_t>(entry[kValueOffset] | entry[kValueOffset + 1] << 8);
       valueOffset = kWideTypeValueOffset;
     }

@@ -165,19 +165,25 @@ TEST(XtraAttributes, BadCountOrEntrySizeFailsSilently) {
 }
 
 TEST(XtraAttributes, EveryTruncationFailsCleanly) {
-  const std::vector<uint8_t> full = FileTail(OzmEncode::WriteXtraBlock(SampleAttributes()));
-  const std::vector<uint8_t> noNormals = [] {
-    XtraAttributes a = SampleAttributes();
-    a.writeHasVertexNormals = false;
-    return FileTail(OzmEncode::WriteXtraBlock(a));
-  }();
-  // Every required property complete and the normals name cut: the normals are simply absent. Once
-  // the normals name is whole but its value is not, the entry is malformed.
-  const size_t normalsNameEnd = noNormals.size() + 8 + 38;
-  for (size_t n = 0; n < full.size(); ++n) {
-    const std::vector<uint8_t> cut(full.begin(), full.begin() + static_cast<long>(n));
-    const Read r = ReadBlock(cut);
-    EXPECT_EQ(r.ok, n >= noNormals.size() && n < normalsNameEnd) << n;
+  // Both type encodings: every cut of the block, at every byte, is handled without reading past it.
+  for (bool wide : {false, true}) {
+    auto block = [wide](bool withNormals) {
+      XtraAttributes a = SampleAttributes();
+      a.writeHasVertexNormals = withNormals;
+      std::vector<XtraProperty> properties = OzmEncode::XtraPropertiesOf(a);
+      for (auto& p : properties) p.wideType = wide;
+      return FileTail(OzmEncode::WriteXtraAtom(properties));
+    };
+    const std::vector<uint8_t> full = block(true);
+    const std::vector<uint8_t> noNormals = block(false);
+    // Every required property complete and the normals name cut: the normals are simply absent.
+    // Once the normals name is whole but its value is not, the entry is malformed.
+    const size_t normalsNameEnd = noNormals.size() + 8 + 38;
+    for (size_t n = 0; n < full.size(); ++n) {
+      const std::vector<uint8_t> cut(full.begin(), full.begin() + static_cast<long>(n));
+      const Read r = ReadBlock(cut);
+      EXPECT_EQ(r.ok, n >= noNormals.size() && n < normalsNameEnd) << n << (wide ? " wide" : "");
+    }
   }
 }
 
