@@ -8,6 +8,7 @@
 
 #include "OzmCore/StreamingMeshHeader.h"
 #include "OzmCore/encode/HeaderWriter.h"
+#include "OzmCore/encode/KeyFrameWriter.h"
 #include "OzmCore/encode/MeshNalWriter.h"
 #include "OzmCore/encode/XtraWriter.h"
 
@@ -73,6 +74,38 @@ int main(int argc, char** argv) {
     OzmEncode::AppendMeshNalUnit(mesh.data(), mesh.size(), sample, l.index % 2 ? 0x15 : 0x18);
     sample.insert(sample.end(), {0, 0, 0, 1, 0x65, 0x88, 0x84, 0x00});
     Write(root / "find_compressed_mesh", std::string(l.name) + ".bin", sample);
+  }
+
+  // Key frames of a small grid in every index coding, record layout and block order; the first byte
+  // selects the reader's output format.
+  OzmEncode::Mesh grid;
+  for (int y = 0; y < 4; ++y) {
+    for (int x = 0; x < 4; ++x) {
+      grid.positions.insert(grid.positions.end(), {float(x), float(y), float(x * y) * 0.1f});
+      grid.uvs.insert(grid.uvs.end(), {x / 3.0f, y / 3.0f});
+      grid.normals.insert(grid.normals.end(), {0.0f, 0.0f, 1.0f});
+    }
+  }
+  for (uint32_t y = 0; y < 3; ++y) {
+    for (uint32_t x = 0; x < 3; ++x) {
+      const uint32_t a = y * 4 + x;
+      grid.faces.push_back({{a, a + 1, a + 5}});
+      grid.faces.push_back({{a, a + 5, a + 4}});
+    }
+  }
+  for (uint8_t index = 1; index <= 4; ++index) {
+    for (int variant = 0; variant < 2; ++variant) {
+      OzmEncode::KeyFrameOptions options;
+      options.indexVersion = index;
+      options.normalsInRecords = variant == 1;
+      options.indicesFirst = variant == 1;
+      options.subMeshId = variant;
+      OzmEncode::EncodedKeyFrame frame;
+      if (!OzmEncode::EncodeKeyFrame(grid, options, &frame)) continue;
+      Bytes input = {static_cast<uint8_t>(index + variant)};
+      input.insert(input.end(), frame.bytes.begin(), frame.bytes.end());
+      Write(root / "key_frame", "index" + std::to_string(index) + "-" + std::to_string(variant) + ".bin", input);
+    }
   }
 
   OzmEncode::XtraAttributes a;

@@ -17,6 +17,7 @@ class ByteWriter {
   void I32LE(int32_t v) { Raw(&v, 4); }
   void F32LE(float v) { Raw(&v, 4); }
   void F64LE(double v) { Raw(&v, 8); }
+  void Raw64(int64_t v) { Raw(&v, 8); }
   void U16BE(uint16_t v) {
     U8(static_cast<uint8_t>(v >> 8));
     U8(static_cast<uint8_t>(v));

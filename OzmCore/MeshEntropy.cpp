@@ -1,0 +1,155 @@
+// Inter frames whose per-axis delta bytes are entropy coded: Golomb and Huffman.
+#include <cstring>
+#include <vector>
+
+#include "OzmCore/Golomb.h"
+#include "OzmCore/Huffman.h"
+#include "OzmCore/OzmMeshReader.h"
+#include "OzmCore/StreamRead.h"
+#include "platform/Log.h"
+
+namespace Ozm {
+namespace {
+
+// The six floats of the per-axis delta range, each checked for a full read.
+HRESULT ReadDeltaRange(IStream* stream, float range[6]) {
+  static const char* const kChecks[6] = {"bytesRead == sizeof(minx)", "bytesRead == sizeof(miny)",
+                                         "bytesRead == sizeof(minz)", "bytesRead == sizeof(maxx)",
+                                         "bytesRead == sizeof(maxy)", "SUCCEEDED(hr) && bytesRead == sizeof(maxz)"};
+  for (int k = 0; k < 6; ++k) {
+    bool complete = false;
+    const HRESULT hr = ReadValue(stream, &range[k], &complete);
+    OZM_ASSERT_MSG(complete, kChecks[k]);
+    if (OZM_FAILED(hr)) return hr;
+  }
+  return S_OK;
+}
+
+// Reads ceil(numBits / 32) little-endian words. Missing words read as zero; a bit count beyond what
+// any frame can hold is refused before anything is allocated.
+HRESULT ReadWords(IStream* stream, uint32_t numBits, std::vector<uint32_t>& words) {
+  const uint64_t count = (static_cast<uint64_t>(numBits) + 31) / 32;
+  std::vector<uint8_t> bytes;
+  const HRESULT hr = ReadBlock(stream, 4 * count, bytes);
+  if (OZM_FAILED(hr)) return hr;
+  if (bytes.size() < 4 * count) {
+    OZM_LOGE("entropy-coded axis: %zu of %llu bytes present", bytes.size(), static_cast<unsigned long long>(4 * count));
+    return E_FAIL;
+  }
+  words.resize(static_cast<size_t>(count));
+  for (size_t w = 0; w < words.size(); ++w) {
+    const uint8_t* b = &bytes[4 * w];
+    words[w] = static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 | static_cast<uint32_t>(b[2]) << 16 |
+               static_cast<uint32_t>(b[3]) << 24;
+  }
+  return S_OK;
+}
+
+}  // namespace
+
+HRESULT COzmMeshReader::ReadGolombCodedVertices(COzmMeshReaderCtx* ctx, IStream* stream, CStreamingMeshHeader* header,
+                                                IOzmBuffer** out) {
+  if (!OZM_ASSERT_MSG(out != nullptr, "ppBuffer") || !ctx || !stream || !header) return E_POINTER;
+  float range[6];
+  HRESULT hr = ReadDeltaRange(stream, range);
+  if (OZM_FAILED(hr)) return hr;
+  uint8_t center[3], median[3];
+  uint32_t numBits[3];
+  for (uint8_t& c : center) {
+    bool complete = false;
+    hr = ReadValue(stream, &c, &complete);
+    OZM_ASSERT_MSG(complete, "bytesRead == sizeof(deltaCenter[i])");
+    if (OZM_FAILED(hr)) return hr;
+  }
+  for (uint8_t& m : median) {
+    bool complete = false;
+    hr = ReadValue(stream, &m, &complete);
+    OZM_ASSERT_MSG(complete, "bytesRead == sizeof(deltaMedian[i])");
+    if (OZM_FAILED(hr)) return hr;
+  }
+  for (uint32_t& b : numBits) {
+    bool complete = false;
+    hr = ReadValue(stream, &b, &complete);
+    OZM_ASSERT_MSG(complete, "bytesRead == sizeof(numBits[i])");
+    if (OZM_FAILED(hr)) return hr;
+  }
+
+  std::vector<uint8_t> axes[3];
+  std::vector<uint32_t> words;
+  CGolombDecompressor golomb;
+  for (int a = 0; a < 3; ++a) {
+    hr = ReadWords(stream, numBits[a], words);
+    if (OZM_FAILED(hr)) return hr;
+    hr = golomb.Decompress(words.data(), numBits[a], median[a], center[a], axes[a]);
+    if (OZM_FAILED(hr)) return hr;
+  }
+  const size_t len = axes[0].size();
+  OZM_ASSERT_MSG(len == axes[1].size() && len == axes[2].size(),
+                 "len == decompressedDataSingleAxis[1].size() && len == decompressedDataSingleAxis[2].size()");
+  if (axes[1].size() < len || axes[2].size() < len) {
+    // Shorter y or z streams would leave the interleaved triples half made: refuse the frame.
+    return E_UNEXPECTED;
+  }
+  std::vector<uint8_t> deltas(3 * len);
+  for (size_t i = 0; i < len; ++i) {
+    deltas[3 * i] = axes[0][i];
+    deltas[3 * i + 1] = axes[1][i];
+    deltas[3 * i + 2] = axes[2][i];
+  }
+  hr = DecodeDeltas(ctx, header, deltas.data(), static_cast<uint32_t>(deltas.size()), range[0], range[1], range[2],
+                    range[3], range[4], range[5], out);
+  if (OZM_FAILED(hr)) return hr;
+  return ReadNormals(stream, header, *out);
+}
+
+HRESULT COzmMeshReader::ReadHuffmanCodedVertices(COzmMeshReaderCtx* ctx, IStream* stream,
+                                                 CStreamingMeshHeader* header, IOzmBuffer** out) {
+  if (!OZM_ASSERT_MSG(out != nullptr, "ppBuffer") || !ctx || !stream || !header) return E_POINTER;
+  float range[6];
+  HRESULT hr = ReadDeltaRange(stream, range);
+  if (OZM_FAILED(hr)) return hr;
+  uint32_t numBits[3];
+  for (uint32_t& b : numBits) {
+    bool complete = false;
+    hr = ReadValue(stream, &b, &complete);
+    OZM_ASSERT_MSG(complete, "bytesRead == sizeof(numBits[i])");
+    if (OZM_FAILED(hr)) return hr;
+  }
+  const uint32_t n = header->m_numVertices;
+  if (n > c_MaxMeshElements) {
+    OZM_LOGE("ReadHuffmanCodedVertices: %u vertices is beyond any mesh", n);
+    return E_UNEXPECTED;
+  }
+  std::vector<uint8_t> deltas(3ull * n, 0);
+  std::vector<uint32_t> words;
+  std::vector<uint8_t> table;
+  for (int a = 0; a < 3; ++a) {
+    hr = ReadBlock(stream, 1024, table);
+    if (OZM_FAILED(hr)) return hr;
+    if (table.size() < 1024) {
+      OZM_LOGE("ReadHuffmanCodedVertices: frequency table cut off");
+      return E_FAIL;
+    }
+    std::vector<int> frequencies(256);
+    std::memcpy(frequencies.data(), table.data(), 1024);
+    hr = ReadWords(stream, numBits[a], words);
+    if (OZM_FAILED(hr)) return hr;
+    if (numBits[a] == 0) continue;
+    HuffmanEncoding huffman;
+    HuffmanEncoding::TreeNode* root = nullptr;
+    huffman.BuildTree(frequencies, &root);
+    const HuffmanDecoder decoder(root);
+    size_t decoded = 0;
+    hr = decoder.Decode(words.data(), numBits[a], deltas.data() + a, 3, n, &decoded);
+    if (OZM_FAILED(hr)) {
+      OZM_LOGE("ReadHuffmanCodedVertices: axis %d does not decode", a);
+      return hr;
+    }
+  }
+  hr = DecodeDeltas(ctx, header, deltas.data(), static_cast<uint32_t>(deltas.size()), range[0], range[1], range[2],
+                    range[3], range[4], range[5], out);
+  if (OZM_FAILED(hr)) return hr;
+  return ReadNormals(stream, header, *out);
+}
+
+}  // namespace Ozm

@@ -1,0 +1,345 @@
+// Inter frames: the byte-delta stage shared by the temporal codings, and plain byte-delta frames.
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <vector>
+
+#include "OzmCore/Huffman.h"
+#include "OzmCore/OzmMeshReader.h"
+#include "OzmCore/Quantization.h"
+#include "OzmCore/StreamRead.h"
+#include "platform/Log.h"
+
+namespace Ozm {
+namespace {
+
+enum class Layout { Short12, Short20, Float20, Float32 };
+
+Layout LayoutOf(unsigned flags) {
+  const bool floats = (flags & NReaderFlags::c_FloatVertices) != 0;
+  const bool normal = (flags & NReaderFlags::c_WithNormals) != 0;
+  if (floats) return normal ? Layout::Float32 : Layout::Float20;
+  return normal ? Layout::Short20 : Layout::Short12;
+}
+
+// The per-axis offset of each delta byte: (b / 255) * (max - min) + min, in float32. A table gives the
+// very same values as computing it per vertex.
+struct AxisTable {
+  float offset[256];
+  void Fill(float min, float max) {
+    const float range = max - min;
+    for (int b = 0; b < 256; ++b) offset[b] = (static_cast<float>(b) / 255.0f) * range + min;
+  }
+};
+
+// Writes output vertex i from a position already clamped to the box and the key frame's texture
+// coordinates, in the reader's layout.
+template <Layout L>
+inline void WriteVertex(uint8_t* out, uint32_t i, const float* c, const SKeyVertex& key, const float* lo,
+                        const float* hi) {
+  if (L == Layout::Float20 || L == Layout::Float32) {
+    constexpr size_t kFloats = L == Layout::Float32 ? 8 : 5;
+    float v[kFloats];
+    v[0] = c[0];
+    v[1] = c[1];
+    v[2] = c[2];
+    if (L == Layout::Float32) v[3] = v[4] = v[5] = 0.0f;
+    v[kFloats - 2] = DequantizeTexCoord(key.u);
+    v[kFloats - 1] = DequantizeTexCoord(key.v);
+    std::memcpy(out + static_cast<size_t>(i) * sizeof(v), v, sizeof(v));
+  } else {
+    constexpr size_t kWords = L == Layout::Short20 ? 10 : 6;
+    int16_t v[kWords] = {};
+    for (int a = 0; a < 3; ++a) v[a] = RequantizePosition(c[a], lo[a], hi[a]);
+    v[kWords - 2] = key.u;
+    v[kWords - 1] = key.v;
+    std::memcpy(out + static_cast<size_t>(i) * sizeof(v), v, sizeof(v));
+  }
+}
+
+inline void Clamp(const float* p, const float* lo, const float* hi, float* c) {
+  for (int a = 0; a < 3; ++a) c[a] = std::min(std::max(p[a], lo[a]), hi[a]);
+}
+
+template <Layout L, bool kPredictLinear>
+void DecodeVertices(uint32_t n, const uint8_t* deltas, const AxisTable* axes, const __vector4* prev,
+                    __vector4* older, const SKeyVertex* keys, const float* lo, const float* hi, uint8_t* out) {
+  for (uint32_t i = 0; i < n; ++i) {
+    const __vector4& p = prev[i];
+    float q[3] = {p.x, p.y, p.z};
+    if (kPredictLinear) {
+      const __vector4& o = older[i];
+      q[0] = p.x + (p.x - o.x);
+      q[1] = p.y + (p.y - o.y);
+      q[2] = p.z + (p.z - o.z);
+    }
+    const uint8_t* d = deltas + 3 * static_cast<size_t>(i);
+    const float x[3] = {q[0] + axes[0].offset[d[0]], q[1] + axes[1].offset[d[1]], q[2] + axes[2].offset[d[2]]};
+    // The history keeps the unclamped position; only the output is held inside the box.
+    older[i].x = x[0];
+    older[i].y = x[1];
+    older[i].z = x[2];
+    float c[3];
+    Clamp(x, lo, hi, c);
+    WriteVertex<L>(out, i, c, keys[i], lo, hi);
+  }
+}
+
+template <Layout L>
+void DecodeVerticesFor(bool linear, uint32_t n, const uint8_t* deltas, const AxisTable* axes, const __vector4* prev,
+                       __vector4* older, const SKeyVertex* keys, const float* lo, const float* hi, uint8_t* out) {
+  if (linear) {
+    DecodeVertices<L, true>(n, deltas, axes, prev, older, keys, lo, hi, out);
+  } else {
+    DecodeVertices<L, false>(n, deltas, axes, prev, older, keys, lo, hi, out);
+  }
+}
+
+}  // namespace
+
+HRESULT COzmMeshReader::DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMeshHeader* header,
+                                     const uint8_t* deltas, uint32_t len, float minx, float miny, float minz,
+                                     float maxx, float maxy, float maxz, IOzmBuffer** out) {
+  if (!OZM_ASSERT_MSG(header != nullptr, "pHeader") || !OZM_ASSERT_MSG(out != nullptr, "ppBuffer") || !ctx) {
+    return E_POINTER;
+  }
+  if (!OZM_ASSERT_MSG(ctx->m_pPrevMesh != nullptr, "pCtx->m_pPrevMesh")) return E_POINTER;
+  if (!OZM_ASSERT_MSG(header->m_numVertices == ctx->m_pPrevMesh->size(),
+                      "pHeader->m_numVertices == pCtx->m_pPrevMesh->size()")) {
+    return E_UNEXPECTED;
+  }
+  const uint32_t n = header->m_numVertices;
+  const uint32_t stride = VertexStride();
+  OZMCORE::CComPtr<IOzmBuffer> buffer;
+  HRESULT hr = Allocate(stride * n, stride, &buffer);
+  if (OZM_FAILED(hr)) return hr;
+  OzmLockedMemory locked{};
+  hr = buffer->LockBuffer(&locked);
+  if (OZM_FAILED(hr)) return hr;
+
+  const bool hasOlder = ctx->m_pOlderMesh != nullptr;
+  std::vector<__vector4>* older = hasOlder ? ctx->m_pOlderMesh : &ctx->m_workMesh;
+  if (3ull * n > len) {
+    OZM_ASSERT_MSG(false, "!\"Mesh size doesn't match compressed size\"");
+    buffer->UnlockBuffer();
+    return E_UNEXPECTED;
+  }
+  // The key frame sized both history arrays and the key records; anything else is a broken context.
+  if (older->size() != n || ctx->m_pKeyVertices.size() != n) {
+    OZM_LOGE("DecodeDeltas: history of %zu positions and %zu key vertices for %u vertices", older->size(),
+             ctx->m_pKeyVertices.size(), n);
+    buffer->UnlockBuffer();
+    return E_UNEXPECTED;
+  }
+  ctx->m_pOlderMesh = older;
+
+  AxisTable axes[3];
+  axes[0].Fill(minx, maxx);
+  axes[1].Fill(miny, maxy);
+  axes[2].Fill(minz, maxz);
+  const __vector4* prev = ctx->m_pPrevMesh->data();
+  const SKeyVertex* keys = ctx->m_pKeyVertices.data();
+  const float* lo = header->m_bboxMin;
+  const float* hi = header->m_bboxMax;
+  uint8_t* dst = locked.pData;
+  switch (LayoutOf(m_flags)) {
+    case Layout::Short12: DecodeVerticesFor<Layout::Short12>(hasOlder, n, deltas, axes, prev, older->data(), keys, lo, hi, dst); break;
+    case Layout::Short20: DecodeVerticesFor<Layout::Short20>(hasOlder, n, deltas, axes, prev, older->data(), keys, lo, hi, dst); break;
+    case Layout::Float20: DecodeVerticesFor<Layout::Float20>(hasOlder, n, deltas, axes, prev, older->data(), keys, lo, hi, dst); break;
+    case Layout::Float32: DecodeVerticesFor<Layout::Float32>(hasOlder, n, deltas, axes, prev, older->data(), keys, lo, hi, dst); break;
+  }
+
+  std::swap(ctx->m_pPrevMesh, ctx->m_pOlderMesh);
+  buffer->UnlockBuffer();
+  *out = buffer.Detach();
+  return hr;
+}
+
+HRESULT COzmMeshReader::ReadCompressedVertices(COzmMeshReaderCtx* ctx, IStream* stream, CStreamingMeshHeader* header,
+                                               IOzmBuffer** out) {
+  if (!OZM_ASSERT_MSG(out != nullptr, "ppBuffer") || !ctx || !stream || !header) return E_POINTER;
+  float range[6];
+  static const char* const kRangeChecks[6] = {"bytesRead == sizeof(minx)", "bytesRead == sizeof(miny)",
+                                              "bytesRead == sizeof(minz)", "bytesRead == sizeof(maxx)",
+                                              "bytesRead == sizeof(maxy)", "SUCCEEDED(hr) && bytesRead == sizeof(maxz)"};
+  for (int k = 0; k < 6; ++k) {
+    bool complete = false;
+    const HRESULT hr = ReadValue(stream, &range[k], &complete);
+    OZM_ASSERT_MSG(complete, kRangeChecks[k]);
+    if (OZM_FAILED(hr)) return hr;
+  }
+  const uint32_t n = header->m_numVertices;
+  if (n > c_MaxMeshElements) {
+    OZM_LOGE("ReadCompressedVertices: %u vertices is beyond any mesh", n);
+    return E_UNEXPECTED;
+  }
+  std::vector<uint8_t> deltas;
+  HRESULT hr = ReadBlock(stream, 3ull * n, deltas);
+  if (OZM_FAILED(hr)) return hr;
+  OZM_ASSERT_MSG(deltas.size() == 3ull * n, "numBytes == bytesRead");
+  hr = DecodeDeltas(ctx, header, deltas.data(), static_cast<uint32_t>(deltas.size()), range[0], range[1], range[2],
+                    range[3], range[4], range[5], out);
+  if (OZM_FAILED(hr)) return hr;
+  return ReadNormals(stream, header, *out);
+}
+
+}  // namespace Ozm
+
+// --- Transform-delta frames ------------------------------------------------------------------------
+
+namespace Ozm {
+namespace {
+
+// Fetches the next 32-bit little-endian word of the block from the stream, only when the bit reader
+// needs it, so the stream ends up right after the last word used.
+struct StreamWords {
+  IStream* stream;
+  HRESULT* result;
+  bool operator()(uint32_t& word) const {
+    uint8_t b[4] = {0, 0, 0, 0};
+    unsigned int got = 0;
+    const HRESULT hr = stream->Read(b, 4, &got);
+    if (OZM_FAILED(hr)) *result = hr;
+    word = static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 | static_cast<uint32_t>(b[2]) << 16 |
+           static_cast<uint32_t>(b[3]) << 24;
+    return OZM_SUCCEEDED(hr) && got == 4;
+  }
+};
+using StreamBitReader = LazyBitReader<StreamWords>;
+
+float ReadFloat(StreamBitReader& bits) {
+  const uint32_t v = bits.ReadBits(32);
+  float f;
+  std::memcpy(&f, &v, 4);
+  return f;
+}
+
+// A rigid transform kept as 16 floats, column by column.
+struct Matrix {
+  float m[16];
+};
+
+template <Layout L>
+HRESULT DecodeTransformDeltas(StreamBitReader& bits, uint32_t n, const std::vector<uint8_t>& transformOf,
+                              const std::vector<Matrix>& transforms, uint32_t rigidMask,
+                              const std::vector<std::array<float, 3>>& table, const HuffmanDecoder& decoder,
+                              __vector4* prev, const SKeyVertex* keys, const float* lo, const float* hi,
+                              uint8_t* out) {
+  const uint32_t numDeltas = static_cast<uint32_t>(table.size());
+  for (uint32_t i = 0; i < n; ++i) {
+    const uint32_t t = transformOf[i];
+    if (t >= transforms.size()) {
+      OZM_LOGE("ReadTransformDeltaVertices: vertex %u uses transform %u of %zu", i, t, transforms.size());
+      return E_UNEXPECTED;
+    }
+    const float* M = transforms[t].m;
+    __vector4& p = prev[i];
+    float x[3] = {((p.z * M[8] + M[12]) + p.y * M[4]) + p.x * M[0], ((p.z * M[9] + M[13]) + p.y * M[5]) + p.x * M[1],
+                  ((p.z * M[10] + M[14]) + p.y * M[6]) + p.x * M[2]};
+    if (!(rigidMask >> t & 1)) {
+      OZM_ASSERT_MSG(numDeltas > 0, "numDeltas > 0");
+      const uint32_t symbol = static_cast<uint32_t>(decoder.DecodeSymbol(bits));
+      float d[3];
+      if (symbol == numDeltas) {
+        for (float& f : d) f = ReadFloat(bits);
+      } else if (symbol < numDeltas) {
+        d[0] = table[symbol][0];
+        d[1] = table[symbol][1];
+        d[2] = table[symbol][2];
+      } else {
+        OZM_LOGE("ReadTransformDeltaVertices: symbol %u beyond %u deltas", symbol, numDeltas);
+        return E_UNEXPECTED;
+      }
+      x[0] -= d[0];
+      x[1] -= d[1];
+      x[2] -= d[2];
+      if (bits.Exhausted()) break;
+    }
+    float c[3];
+    Clamp(x, lo, hi, c);
+    WriteVertex<L>(out, i, c, keys[i], lo, hi);
+    // The history is updated in place, unclamped.
+    p.x = x[0];
+    p.y = x[1];
+    p.z = x[2];
+  }
+  return S_OK;
+}
+
+}  // namespace
+
+HRESULT COzmMeshReader::ReadTransformDeltaVertices(COzmMeshReaderCtx* ctx, IStream* stream,
+                                                   CStreamingMeshHeader* header, IOzmBuffer** out) {
+  if (!OZM_ASSERT_MSG(header != nullptr, "pHeader") || !OZM_ASSERT_MSG(out != nullptr, "ppBuffer") || !ctx ||
+      !stream) {
+    return E_POINTER;
+  }
+  const uint32_t n = header->m_numVertices;
+  if (!ctx->m_pPrevMesh || ctx->m_pPrevMesh->size() != n || ctx->m_pKeyVertices.size() != n) {
+    OZM_LOGE("ReadTransformDeltaVertices: no history of %u vertices to move", n);
+    return E_UNEXPECTED;
+  }
+  HRESULT streamResult = S_OK;
+  StreamBitReader bits(StreamWords{stream, &streamResult});
+  const uint32_t rigidMask = bits.ReadBits(32);
+  std::vector<uint8_t> transformOf(n);
+  for (uint32_t i = 0; i < n; ++i) transformOf[i] = static_cast<uint8_t>(bits.ReadBits(5));
+
+  // Transform 0 is the identity; the stream gives rows of the others. Only 32 can be addressed.
+  const uint32_t count = bits.ReadBits(32);
+  std::vector<Matrix> transforms(1, Matrix{{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}});
+  for (uint32_t t = 1; t < count && !bits.Exhausted(); ++t) {
+    Matrix m{{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}};
+    for (int r = 0; r < 3; ++r) {
+      for (int c = 0; c < 4; ++c) m.m[4 * c + r] = ReadFloat(bits);
+    }
+    if (transforms.size() < 32) transforms.push_back(m);
+  }
+  const uint32_t numDeltas = bits.ReadBits(9);
+  std::vector<std::array<float, 3>> table(numDeltas);
+  for (auto& d : table) {
+    for (float& f : d) f = ReadFloat(bits);
+  }
+  std::vector<int> frequencies(numDeltas + 1);
+  for (int& f : frequencies) f = static_cast<int>(bits.ReadBits(32));
+  if (bits.Exhausted()) {
+    OZM_LOGE("ReadTransformDeltaVertices: the block ends inside its tables");
+    return OZM_FAILED(streamResult) ? streamResult : E_FAIL;
+  }
+  HuffmanEncoding huffman;
+  HuffmanEncoding::TreeNode* root = nullptr;
+  huffman.BuildTree(frequencies, &root);
+  if (!root) {
+    OZM_LOGE("ReadTransformDeltaVertices: no delta symbols");
+    return E_UNEXPECTED;
+  }
+  const HuffmanDecoder decoder(root);
+
+  const uint32_t stride = VertexStride();
+  OZMCORE::CComPtr<IOzmBuffer> buffer;
+  HRESULT hr = Allocate(stride * n, stride, &buffer);
+  if (OZM_FAILED(hr)) return hr;
+  OzmLockedMemory locked{};
+  hr = buffer->LockBuffer(&locked);
+  if (OZM_FAILED(hr)) return hr;
+  __vector4* prev = ctx->m_pPrevMesh->data();
+  const SKeyVertex* keys = ctx->m_pKeyVertices.data();
+  const float* lo = header->m_bboxMin;
+  const float* hi = header->m_bboxMax;
+  switch (LayoutOf(m_flags)) {
+    case Layout::Short12: hr = DecodeTransformDeltas<Layout::Short12>(bits, n, transformOf, transforms, rigidMask, table, decoder, prev, keys, lo, hi, locked.pData); break;
+    case Layout::Short20: hr = DecodeTransformDeltas<Layout::Short20>(bits, n, transformOf, transforms, rigidMask, table, decoder, prev, keys, lo, hi, locked.pData); break;
+    case Layout::Float20: hr = DecodeTransformDeltas<Layout::Float20>(bits, n, transformOf, transforms, rigidMask, table, decoder, prev, keys, lo, hi, locked.pData); break;
+    case Layout::Float32: hr = DecodeTransformDeltas<Layout::Float32>(bits, n, transformOf, transforms, rigidMask, table, decoder, prev, keys, lo, hi, locked.pData); break;
+  }
+  if (OZM_SUCCEEDED(hr) && bits.Exhausted()) {
+    OZM_LOGE("ReadTransformDeltaVertices: the block ends before its %u vertices", n);
+    hr = OZM_FAILED(streamResult) ? streamResult : E_FAIL;
+  }
+  buffer->UnlockBuffer();
+  if (OZM_FAILED(hr)) return hr;
+  *out = buffer.Detach();
+  return S_OK;
+}
+
+}  // namespace Ozm
