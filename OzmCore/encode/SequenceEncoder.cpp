@@ -575,6 +575,10 @@ bool SequenceEncoder::Encode(const Mesh& frame, uint32_t frameId, EncodedFrame* 
   }
 
   out->keyFrame = key;
+  out->sourceVertex.clear();
+  for (const Part& part : s.parts) {
+    for (int k : part.order) out->sourceVertex.push_back(part.vertices[static_cast<size_t>(k)]);
+  }
   out->vertices = totalVertices;
   out->faces = totalFaces;
   out->maxError = 0;

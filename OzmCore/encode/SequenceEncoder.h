@@ -37,6 +37,8 @@ struct EncodedFrame {
   bool keyFrame = false;
   uint32_t vertices = 0;         // decoded vertex count (vertices may be split by the connectivity coder)
   uint32_t faces = 0;
+  // The input vertex behind each decoded vertex, in the order the decoder outputs them.
+  std::vector<uint32_t> sourceVertex;
   // After decoding: the largest distance, on any axis, of a reconstructed position from the input,
   // and the quantisation step of the frame on the axis with the largest step. The error stays within
   // half a step (plus float rounding) for every coding.

@@ -1,0 +1,171 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "OzmCore/OzmAttributes.h"
+#include "OzmCore/OzmMeshReader.h"
+#include "OzmCore/Quantization.h"
+#include "OzmCore/encode/SequenceEncoder.h"
+#include "platform/host/LogCapture.h"
+#include "tests/MeshTestUtil.h"
+
+using OzmEncode::InterCoding;
+
+namespace {
+
+// A deforming mesh: two separate grids (so temporal meshes have two sub-meshes), waving and drifting
+// over time, with normals that follow the surface roughly.
+OzmEncode::Mesh AnimatedFrame(int t) {
+  OzmEncode::Mesh a = MeshTest::Grid(12, 8, 3), b = MeshTest::Grid(6, 6, 4);
+  const float time = static_cast<float>(t) / 30.0f;
+  auto animate = [time](OzmEncode::Mesh& m, float shift, float speed) {
+    for (size_t i = 0; i < m.VertexCount(); ++i) {
+      float* p = &m.positions[3 * i];
+      p[0] += shift + 0.05f * time;
+      p[2] += 0.15f * std::sin(3.0f * p[0] + speed * time) * std::cos(2.0f * p[1] + time);
+      p[1] += 0.02f * std::sin(speed * time);
+    }
+  };
+  animate(a, 0.0f, 2.0f);
+  animate(b, 3.0f, 5.0f);
+  // b's texture coordinates live in the right half of the texture, a's in the left.
+  for (float& u : a.uvs) u *= 0.5f;
+  for (size_t i = 0; i < b.uvs.size(); i += 2) b.uvs[i] = 0.5f + 0.5f * b.uvs[i];
+  const uint32_t offset = static_cast<uint32_t>(a.VertexCount());
+  a.positions.insert(a.positions.end(), b.positions.begin(), b.positions.end());
+  a.uvs.insert(a.uvs.end(), b.uvs.begin(), b.uvs.end());
+  a.normals.insert(a.normals.end(), b.normals.begin(), b.normals.end());
+  for (WelmMeshFace f : b.faces) {
+    for (uint32_t& v : f.v) v += offset;
+    a.faces.push_back(f);
+  }
+  return a;
+}
+
+struct Decoded {
+  std::vector<float> positions, uvs, normals;  // per output vertex
+  bool hasNormals = false;
+};
+
+// Reads the output vertices in any layout back as floats, with the frame's box for 16-bit ones.
+Decoded Unpack(IOzmBuffer* vb, unsigned flags) {
+  const std::vector<uint8_t> bytes = MeshTest::Contents(vb);
+  double lo[3], hi[3];
+  const _GUID* mins[3] = {&OzmAttrib_BBoxMinX, &OzmAttrib_BBoxMinY, &OzmAttrib_BBoxMinZ};
+  const _GUID* maxs[3] = {&OzmAttrib_BBoxMaxX, &OzmAttrib_BBoxMaxY, &OzmAttrib_BBoxMaxZ};
+  for (int a = 0; a < 3; ++a) {
+    vb->GetDouble(*mins[a], &lo[a]);
+    vb->GetDouble(*maxs[a], &hi[a]);
+  }
+  const bool floats = flags & 0x08, normals = flags & 0x02;
+  const size_t stride = floats ? (normals ? 32 : 20) : (normals ? 20 : 12);
+  Decoded d;
+  d.hasNormals = normals;
+  for (size_t off = 0; off + stride <= bytes.size(); off += stride) {
+    const uint8_t* v = &bytes[off];
+    if (floats) {
+      float f[8];
+      std::memcpy(f, v, stride);
+      d.positions.insert(d.positions.end(), f, f + 3);
+      if (normals) d.normals.insert(d.normals.end(), f + 3, f + 6);
+      d.uvs.insert(d.uvs.end(), {f[stride / 4 - 2], f[stride / 4 - 1]});
+    } else {
+      int16_t s[10];
+      std::memcpy(s, v, stride);
+      for (int a = 0; a < 3; ++a) {
+        d.positions.push_back(Ozm::DequantizePosition(s[a], static_cast<float>(lo[a]), static_cast<float>(hi[a])));
+      }
+      if (normals) {
+        for (int a = 0; a < 3; ++a) d.normals.push_back(2.0f * (static_cast<uint16_t>(s[4 + a]) / 65535.0f) - 1.0f);
+      }
+      d.uvs.push_back(Ozm::DequantizeTexCoord(s[stride / 2 - 2]));
+      d.uvs.push_back(Ozm::DequantizeTexCoord(s[stride / 2 - 1]));
+    }
+  }
+  return d;
+}
+
+// Every inter coding, with and without normals, as plain and as temporal meshes, decoded into every
+// output layout: each frame stays within its quantisation error, and the error does not grow.
+TEST(Sequence, EveryCodingRoundTripsIntoEveryLayoutWithinTheQuantisationStep) {
+  const int kFrames = 45;
+  std::vector<OzmEncode::Mesh> frames;
+  for (int t = 0; t < kFrames; ++t) frames.push_back(AnimatedFrame(t));
+
+  for (InterCoding coding : {InterCoding::ByteDelta, InterCoding::Golomb, InterCoding::Huffman,
+                             InterCoding::TransformDelta}) {
+    for (bool normals : {false, true}) {
+      for (bool temporal : {false, true}) {
+        OzmEncode::SequenceOptions options;
+        options.inter = coding;
+        options.normals = normals;
+        options.temporalSubMeshes = temporal;
+        options.keyFrameInterval = 20;
+        options.indexVersion = temporal ? 3 : 4;
+        OzmEncode::SequenceEncoder encoder(options);
+        std::vector<OzmEncode::EncodedFrame> encoded(kFrames);
+        for (int t = 0; t < kFrames; ++t) {
+          ASSERT_TRUE(encoder.Encode(frames[t], static_cast<uint32_t>(t + 1), &encoded[t]))
+              << "coding " << int(coding) << " frame " << t;
+          EXPECT_EQ(encoded[t].keyFrame, t % 20 == 0);
+          EXPECT_LE(encoded[t].maxError, encoded[t].step * 0.5 + 1e-5) << "coding " << int(coding) << " frame " << t;
+        }
+
+        for (unsigned flags : {0x00u, 0x02u, 0x08u, 0x0Au}) {
+          SCOPED_TRACE(::testing::Message() << "coding " << int(coding) << ", normals " << normals << ", temporal "
+                                            << temporal << ", reader flags " << flags);
+          OZMCORE::CComPtr<OzmCrossPlatform::BufferAllocator> allocator(new OzmCrossPlatform::BufferAllocator);
+          Ozm::COzmMeshReader reader;
+          reader.Initialize(allocator, flags);
+          for (int t = 0; t < kFrames; ++t) {
+            const OzmEncode::EncodedFrame& e = encoded[t];
+            OZMCORE::CComPtr<IOzmBuffer> vb, ib;
+            ASSERT_EQ(reader.ReadMesh(MeshTest::StreamOver(e.payload), t * 333333, &vb, &ib), S_OK) << t;
+            const Decoded d = Unpack(vb, flags);
+            ASSERT_EQ(d.positions.size(), 3 * e.sourceVertex.size()) << t;
+            const OzmEncode::Mesh& src = frames[t];
+            const OzmEncode::Box box = OzmEncode::BoundsOf(src.positions);
+            double boxStep = 0;
+            for (int a = 0; a < 3; ++a) boxStep = std::max<double>(boxStep, (box.max[a] - box.min[a]) / 65535.0);
+            // 16-bit output is requantised into a frame's box (twice for merged sub-meshes), by truncation.
+            const double tolerance = e.step * 0.5 + 1e-5 + (flags & 0x08 ? 0 : (temporal ? 3 : 2) * boxStep);
+            double worst = 0;
+            for (size_t k = 0; k < e.sourceVertex.size(); ++k) {
+              const uint32_t v = e.sourceVertex[k];
+              for (int a = 0; a < 3; ++a) worst = std::max<double>(worst, std::fabs(d.positions[3 * k + a] - src.positions[3 * v + a]));
+              for (int a = 0; a < 2; ++a) ASSERT_NEAR(d.uvs[2 * k + a], src.uvs[2 * v + a], 5e-4) << t << " " << k;
+              const bool normalsKept = normals && d.hasNormals && (e.keyFrame || coding != InterCoding::TransformDelta);
+              if (normalsKept && !temporal) {
+                for (int a = 0; a < 3; ++a) ASSERT_NEAR(d.normals[3 * k + a], src.normals[3 * v + a], 1e-4) << t;
+              }
+            }
+            EXPECT_LE(worst, tolerance) << "frame " << t;
+            const std::vector<uint32_t> indices = MeshTest::Indices(ib);
+            ASSERT_EQ(indices.size(), 3 * src.faces.size());
+          }
+        }
+      }
+    }
+  }
+}
+
+TEST(Sequence, TopologyChangesForceAKeyFrame) {
+  OzmEncode::SequenceOptions options;
+  options.inter = InterCoding::Huffman;
+  OzmEncode::SequenceEncoder encoder(options);
+  OzmEncode::EncodedFrame e;
+  ASSERT_TRUE(encoder.Encode(MeshTest::Grid(4, 4), 1, &e));
+  EXPECT_TRUE(e.keyFrame);
+  ASSERT_TRUE(encoder.Encode(MeshTest::Grid(4, 4), 2, &e));
+  EXPECT_FALSE(e.keyFrame);
+  ASSERT_TRUE(encoder.Encode(MeshTest::Grid(5, 4), 3, &e));
+  EXPECT_TRUE(e.keyFrame);
+  OzmEncode::Mesh broken = MeshTest::Grid(2, 2);
+  broken.faces[0].v[1] = 1000;
+  EXPECT_FALSE(encoder.Encode(broken, 4, &e));
+}
+
+}  // namespace
