@@ -12,8 +12,10 @@
 #include "OzmCore/EdgeBreaker.h"
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
 #include <limits>
+#include <memory>
 #include <utility>
 
 #include "platform/Log.h"
@@ -28,11 +30,11 @@ struct CodeEntry {
   int bits;
 };
 constexpr CodeEntry kCodeByNibble[16] = {
-    {C, 1}, {C, 1}, {C, 1}, {C, 1}, {C, 1}, {C, 1}, {C, 1}, {C, 1},  // 0xxx
-    {S, 4}, {End, 4},                                                // 1000, 1001
-    {R, 3}, {R, 3},                                                  // 101x
-    {L, 3}, {L, 3},                                                  // 110x
-    {E, 3}, {E, 3},                                                  // 111x
+    {C, 1}, {C, 1},   {C, 1}, {C, 1}, {C, 1}, {C, 1}, {C, 1}, {C, 1},  // 0xxx
+    {S, 4}, {End, 4},                                                  // 1000, 1001
+    {R, 3}, {R, 3},                                                    // 101x
+    {L, 3}, {L, 3},                                                    // 110x
+    {E, 3}, {E, 3},                                                    // 111x
 };
 
 // One vertex of a boundary loop. Links are indices into the submesh's node array, so that every
@@ -43,9 +45,7 @@ struct LoopNode {
   int32_t prev;
 };
 
-// A loop waiting on the gate stack: its gate node and its length. Only the top entry's length
-// changes while the loop is worked on; its gate entry may be stale (R moves the gate without
-// touching the stack) but is never used before the entry is replaced or popped.
+// A loop waiting on the gate stack: its gate node and its length.
 struct PendingLoop {
   int32_t gate;
   int64_t length;
@@ -77,45 +77,65 @@ bool CEdgeBreaker::Decompress(std::vector<uint8_t>& compressedIndices, std::vect
     const uint8_t* p = compressedIndices.data();
     const uint8_t* const end = p + compressedIndices.size();
 
-    // Codes take one to four bits; valid streams average about two, so this rarely grows.
-    std::vector<EEdgeCode> codes;
-    codes.reserve(compressedIndices.size() * 4 + 2);
+    // Every code takes at least one bit: eight per byte bound the array. Only what is written is
+    // touched.
+    const size_t maxCodes = compressedIndices.size() * 8;
+    std::unique_ptr<EEdgeCode[]> codes(new EEdgeCode[maxCodes + 1]);
+    size_t codeCount = 0;
     std::vector<std::pair<size_t, size_t>> submeshes;  // first code, code count (End included)
 
-    uint64_t window = 0;  // the next unread bits, most significant first; zero below them
+    uint64_t window = 0;  // the next unread bits, most significant first
     int avail = 0;        // how many bits of window are stream bits
     size_t submeshStart = 0;
     size_t faceCount = 0;  // codes other than End in the submeshes found
     bool complete = false;
-    for (;;) {
-      if (avail < 4) {
+    bool cutOff = false;
+    while (!complete && !cutOff) {
+      // Refill with whole bytes. Eight at once where there are that many; bits below avail then
+      // already hold the next byte's first bits, which the next refill writes again unchanged.
+      if (end - p >= 8) {
+        uint64_t word;
+        std::memcpy(&word, p, 8);
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+        word = __builtin_bswap64(word);
+#endif
+        window |= word >> avail;
+        const int bytes = (63 - avail) >> 3;
+        p += bytes;
+        avail += 8 * bytes;
+      } else {
         while (avail <= 56 && p != end) {
           window |= static_cast<uint64_t>(*p++) << (56 - avail);
           avail += 8;
         }
-        if (avail == 0) {
-          OZM_ASSERT_MSG(false, kReadPastEnd);
-          break;
-        }
       }
-      const CodeEntry entry = kCodeByNibble[window >> 60];
-      if (entry.bits > avail) {  // the last code is cut off
+      if (avail == 0) {
         OZM_ASSERT_MSG(false, kReadPastEnd);
         break;
       }
-      window <<= entry.bits;
-      avail -= entry.bits;
-      codes.push_back(entry.code);
-      if (entry.code == End) {
-        const size_t count = codes.size() - submeshStart;
-        submeshes.emplace_back(submeshStart, count);
-        faceCount += count - 1;
-        // A lone End closes the stream, except as the first submesh.
-        if (count == 1 && submeshes.size() > 1) {
-          complete = true;
+      // A code is at most four bits long, so with four bits at hand the next one is complete; at
+      // the end of the stream, a code longer than the bits left is cut off.
+      while (avail >= 4 || (p == end && avail > 0)) {
+        const CodeEntry entry = kCodeByNibble[window >> 60];
+        if (entry.bits > avail) {
+          OZM_ASSERT_MSG(false, kReadPastEnd);
+          cutOff = true;
           break;
         }
-        submeshStart = codes.size();
+        window <<= entry.bits;
+        avail -= entry.bits;
+        codes[codeCount++] = entry.code;
+        if (entry.code == End) {
+          const size_t count = codeCount - submeshStart;
+          submeshes.emplace_back(submeshStart, count);
+          faceCount += count - 1;
+          // A lone End closes the stream, except as the first submesh.
+          if (count == 1 && submeshes.size() > 1) {
+            complete = true;
+            break;
+          }
+          submeshStart = codeCount;
+        }
       }
     }
 
@@ -125,7 +145,7 @@ bool CEdgeBreaker::Decompress(std::vector<uint8_t>& compressedIndices, std::vect
     int nextVertex = 0;
     for (const auto& [first, count] : submeshes) {
       if (count > static_cast<size_t>(std::numeric_limits<int>::max())) return false;
-      if (!DecompressSubmesh(codes.data() + first, static_cast<int>(count), faces, nextVertex)) return false;
+      if (!DecompressSubmesh(codes.get() + first, static_cast<int>(count), faces, nextVertex)) return false;
     }
     return complete;
   } catch (const std::exception&) {
@@ -135,8 +155,7 @@ bool CEdgeBreaker::Decompress(std::vector<uint8_t>& compressedIndices, std::vect
   }
 }
 
-bool CEdgeBreaker::DecompressSubmesh(EEdgeCode* codes, int codeLen, std::vector<WelmMeshFace>* faces,
-                                     int& nextVertex) {
+bool CEdgeBreaker::DecompressSubmesh(EEdgeCode* codes, int codeLen, std::vector<WelmMeshFace>* faces, int& nextVertex) {
   if (!codes || !faces) return false;
 
   // First pass: e ends as the initial loop's length. A split pushes (e, split number); the E that
@@ -200,94 +219,116 @@ bool CEdgeBreaker::DecompressSubmesh(EEdgeCode* codes, int codeLen, std::vector<
   nextVertex += loopLength;
   int32_t used = loopLength;
 
-  std::vector<PendingLoop> stack;
-  stack.reserve(static_cast<size_t>(splits) + 1);
-  stack.push_back({0, e});
+  // The loop being worked on is (g, length); the loops waiting behind it are on the stack. An S
+  // replaces the current loop's entry by m and pushes g: here, m waits and g goes on. An E pops.
+  std::vector<PendingLoop> waiting;
+  waiting.reserve(static_cast<size_t>(splits));
   int32_t g = 0;  // the gate node; -1 once the outermost loop is closed
+  int64_t length = e;
   int32_t split = 0;
+  LoopNode* const n = nodes.data();
+
+  // Faces are written in place: at most one per code, the unused tail is cut off at the end.
+  const size_t firstFace = faces->size();
+  faces->resize(firstFace + static_cast<size_t>(codeLen));
+  WelmMeshFace* const out = faces->data() + firstFace;
+  WelmMeshFace* o = out;
+  bool corrupt = false;
 
   // Second pass: one triangle per code, on the gate edge (g.prev, g).
-  for (int i = 0; i < codeLen; ++i) {
+  for (int i = 0; i < codeLen && !corrupt; ++i) {
     switch (codes[i]) {
       case C: {
         if (g < 0) break;
-        if (used == nodeCount) return false;
-        LoopNode& gate = nodes[g];
-        const int32_t before = gate.prev;
-        faces->push_back(Face(nodes[before].v, gate.v, nextVertex));
-        nodes[used] = {nextVertex, g, before};
-        nodes[before].next = used;
-        gate.prev = used;
+        if (used == nodeCount) {
+          corrupt = true;
+          break;
+        }
+        const int32_t before = n[g].prev;
+        *o++ = Face(n[before].v, n[g].v, nextVertex);
+        n[used] = {nextVertex, g, before};
+        n[before].next = used;
+        n[g].prev = used;
         ++used;
         ++nextVertex;
-        ++stack.back().length;
+        ++length;
         break;
       }
       case L: {
         if (g < 0) break;
-        LoopNode& gate = nodes[g];
-        const int32_t before = gate.prev;
-        const int32_t twoBefore = nodes[before].prev;
-        faces->push_back(Face(nodes[before].v, gate.v, nodes[twoBefore].v));
-        nodes[twoBefore].next = g;
-        gate.prev = twoBefore;
-        if (stack.back().length > 1) --stack.back().length;
+        const int32_t before = n[g].prev;
+        const int32_t twoBefore = n[before].prev;
+        *o++ = Face(n[before].v, n[g].v, n[twoBefore].v);
+        n[twoBefore].next = g;
+        n[g].prev = twoBefore;
+        if (length > 1) --length;
         break;
       }
       case R: {
         if (g < 0) break;
-        const LoopNode gate = nodes[g];
-        faces->push_back(Face(nodes[gate.prev].v, gate.v, nodes[gate.next].v));
-        nodes[gate.prev].next = gate.next;
-        nodes[gate.next].prev = gate.prev;
+        const LoopNode gate = n[g];
+        *o++ = Face(n[gate.prev].v, gate.v, n[gate.next].v);
+        n[gate.prev].next = gate.next;
+        n[gate.next].prev = gate.prev;
         g = gate.next;
-        if (stack.back().length > 1) --stack.back().length;
+        if (length > 1) --length;
         break;
       }
       case E: {
-        if (!OZM_ASSERT_MSG(g >= 0, "gate != nullptr")) return false;
-        const LoopNode& gate = nodes[g];
-        faces->push_back(Face(nodes[gate.prev].v, gate.v, nodes[gate.next].v));
-        stack.pop_back();
-        g = stack.empty() ? -1 : stack.back().gate;
+        if (!OZM_ASSERT_MSG(g >= 0, "gate != nullptr")) {
+          corrupt = true;
+          break;
+        }
+        *o++ = Face(n[n[g].prev].v, n[g].v, n[n[g].next].v);
+        if (waiting.empty()) {
+          g = -1;
+        } else {
+          g = waiting.back().gate;
+          length = waiting.back().length;
+          waiting.pop_back();
+        }
         break;
       }
       case S: {
         if (g < 0) break;
         ++split;
-        if (!OZM_ASSERT_MSG(static_cast<size_t>(split) < offsets.size(), "split offset known")) return false;
+        if (!OZM_ASSERT_MSG(static_cast<size_t>(split) < offsets.size(), "split offset known")) {
+          corrupt = true;
+          break;
+        }
         const int64_t steps = std::max<int64_t>(1, offsets[static_cast<size_t>(split)] + 1);
-        const int64_t length = stack.back().length;
         // The third vertex lies strictly between the gate and the vertex before it.
-        if (!OZM_ASSERT_MSG(steps <= length - 2, "split target inside the loop")) return false;
-        if (used == nodeCount) return false;
+        if (!OZM_ASSERT_MSG(steps <= length - 2, "split target inside the loop") || used == nodeCount) {
+          corrupt = true;
+          break;
+        }
         // Walk the shorter way round: the same node as steps forward, at half the cost or less.
         int32_t t = g;
         if (steps <= length - steps) {
-          for (int64_t k = 0; k < steps; ++k) t = nodes[t].next;
+          for (int64_t k = 0; k < steps; ++k) t = n[t].next;
         } else {
-          for (int64_t k = steps; k < length; ++k) t = nodes[t].prev;
+          for (int64_t k = steps; k < length; ++k) t = n[t].prev;
         }
-        LoopNode& gate = nodes[g];
-        const int32_t before = gate.prev;
-        const int32_t afterTarget = nodes[t].next;
-        faces->push_back(Face(nodes[before].v, gate.v, nodes[t].v));
+        const int32_t before = n[g].prev;
+        const int32_t afterTarget = n[t].next;
+        *o++ = Face(n[before].v, n[g].v, n[t].v);
         // m opens the loop (g.prev, m = t, ..., old t.next), resumed after the loop (g, ..., t).
         const int32_t m = used++;
-        nodes[m] = {nodes[t].v, afterTarget, before};
-        nodes[before].next = m;
-        nodes[afterTarget].prev = m;
-        nodes[t].next = g;
-        gate.prev = t;
-        stack.back() = {m, length - steps};
-        stack.push_back({g, steps + 1});
+        n[m] = {n[t].v, afterTarget, before};
+        n[before].next = m;
+        n[afterTarget].prev = m;
+        n[t].next = g;
+        n[g].prev = t;
+        waiting.push_back({m, length - steps});
+        length = steps + 1;
         break;
       }
       case End: break;
       default: OZM_ASSERT_MSG(false, "false"); break;
     }
   }
-  return true;
+  faces->resize(firstFace + static_cast<size_t>(o - out));
+  return !corrupt;
 }
 
 }  // namespace EdgeBreaker

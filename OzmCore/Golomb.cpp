@@ -1,7 +1,48 @@
 #include "OzmCore/Golomb.h"
 
-#include "OzmCore/WordBitBuffer.h"
+#include <algorithm>
+
+#include "OzmCore/BitDecoding.h"
 #include "platform/Log.h"
+
+namespace {
+
+// Streams shorter than this decode faster without building the table first.
+constexpr uint32_t kTableMinBits = 16 * Ozm::kWindowCount;
+
+}  // namespace
+
+void CGolombDecompressor::PrepareTable(uint8_t M, uint8_t center) {
+  const int key = M << 8 | center;
+  if (key == m_tableKey) return;
+  // Every code of at most kWindowBits bits, shortest first: q ones and a zero, then the remainder
+  // bits; a remainder r below the cutoff stands alone, any other is followed by either extra bit.
+  const OzmGolomb::Parameters p = OzmGolomb::ParametersFor(M);
+  const uint32_t leading = p.b > 1 ? p.b - 1 : 0;
+  std::vector<Ozm::ShortCode> codes;
+  for (uint32_t q = 0; q + 1 + leading <= Ozm::kWindowBits; ++q) {
+    const uint32_t unary = ((1u << q) - 1) << 1;
+    for (uint32_t r = 0; r < (1u << leading); ++r) {
+      if (r < p.cutoff) {
+        const uint32_t v = q * M + r;
+        codes.push_back(
+            {unary << leading | r, q + 1 + leading, static_cast<uint8_t>(center + OzmGolomb::ZigzagToByte(v))});
+        continue;
+      }
+      if (q + 2 + leading > Ozm::kWindowBits) continue;
+      for (uint32_t x = 0; x < 2; ++x) {
+        const uint32_t v = q * M + 2 * r + x - p.cutoff;
+        codes.push_back({(unary << leading | r) << 1 | x, q + 2 + leading,
+                         static_cast<uint8_t>(center + OzmGolomb::ZigzagToByte(v))});
+      }
+    }
+  }
+  std::stable_sort(codes.begin(), codes.end(),
+                   [](const Ozm::ShortCode& a, const Ozm::ShortCode& b) { return a.length < b.length; });
+  m_table.resize(Ozm::kWindowCount);
+  Ozm::BuildMultiCodeTable(codes, m_table.data());
+  m_tableKey = key;
+}
 
 HRESULT CGolombDecompressor::Decompress(const uint32_t* words, uint32_t numBits, uint8_t M, uint8_t center,
                                         std::vector<uint8_t>& out) {
@@ -18,8 +59,15 @@ HRESULT CGolombDecompressor::Decompress(const uint32_t* words, uint32_t numBits,
   const uint32_t cutoff = p.cutoff;
   const uint32_t shortestCode = width + (cutoff == 0 ? 1 : 0);
 
-  // Symbol k starts at bit k * shortestCode or later, and before numBits.
-  out.resize(numBits / shortestCode + 1);
+  const uint64_t* table = nullptr;
+  if (numBits >= kTableMinBits) {
+    PrepareTable(M, center);
+    table = m_table.data();
+  }
+
+  // Symbol k starts at bit k * shortestCode or later, and before numBits. Two more bytes take the
+  // unused bytes of a table entry.
+  out.resize(numBits / shortestCode + 3);
   uint8_t* const dst = out.data();
   size_t count = 0;
   Ozm::WordBitBuffer in(words, Ozm::WordCount(numBits));
@@ -27,6 +75,20 @@ HRESULT CGolombDecompressor::Decompress(const uint32_t* words, uint32_t numBits,
 
   while (in.Consumed() < numBits) {
     in.Refill();
+    // A window that ends before numBits lies in the words and every code that starts in it starts
+    // before numBits.
+    if (table && in.Consumed() + Ozm::kWindowBits <= numBits) {
+      const uint64_t entry = table[in.m_bits >> (64 - Ozm::kWindowBits)];
+      const uint32_t codes = (entry >> 8) & 0xFF;
+      if (codes != 0) {
+        dst[count] = static_cast<uint8_t>(entry >> 16);
+        dst[count + 1] = static_cast<uint8_t>(entry >> 24);
+        dst[count + 2] = static_cast<uint8_t>(entry >> 32);
+        count += codes;
+        in.Skip(entry & 0xFF);
+        continue;
+      }
+    }
     // Quotient: the run of 1 bits at the top. A run longer than the buffer is rare; it is added up
     // a buffer at a time.
     uint32_t q = 0;

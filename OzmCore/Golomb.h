@@ -28,6 +28,14 @@ class CGolombDecompressor {
   // no output, a null words pointer with numBits > 0 gives E_POINTER. The output never holds more
   // than numBits / 2 + 1 bytes, since every code is at least two bits long.
   HRESULT Decompress(const uint32_t* words, uint32_t numBits, uint8_t M, uint8_t center, std::vector<uint8_t>& out);
+
+ private:
+  // Long streams are decoded several short codes at a time through a table made for their M and
+  // center, kept for the next stream with the same two.
+  void PrepareTable(uint8_t M, uint8_t center);
+
+  std::vector<uint64_t> m_table;
+  int m_tableKey = -1;  // M << 8 | center of m_table
 };
 
 namespace OzmGolomb {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "OzmCore/WordBitBuffer.h"
+#include "OzmCore/BitDecoding.h"
 #include "platform/Log.h"
 
 namespace {
@@ -17,8 +17,7 @@ int32_t WrappingSum(int32_t a, int32_t b) {
 
 // Stores the code of every leaf below node. Codes that would not fit in 32 bits clear `fits` and
 // are left out.
-void AssignCodes(const TreeNode* node, uint32_t code, uint32_t numbits, std::vector<HuffmanCode>& codes,
-                 bool& fits) {
+void AssignCodes(const TreeNode* node, uint32_t code, uint32_t numbits, std::vector<HuffmanCode>& codes, bool& fits) {
   if (node->left) {
     if (numbits == 32) {
       fits = false;
@@ -33,6 +32,18 @@ void AssignCodes(const TreeNode* node, uint32_t code, uint32_t numbits, std::vec
   OZM_ASSERT_MSG(entry.numbits == 0, "codes[root->index].numbits == 0");
   entry.numbits = numbits;
   entry.code = code;
+}
+
+// The codes of at most Ozm::kWindowBits bits below ref (see HuffmanDecoder for the references).
+void CollectShortCodes(const std::vector<std::pair<int32_t, int32_t>>& children, int32_t ref, uint32_t depth,
+                       uint32_t code, std::vector<Ozm::ShortCode>& codes) {
+  if (ref < 0) {
+    codes.push_back({code, depth, static_cast<uint8_t>(~ref)});
+  } else if (depth < Ozm::kWindowBits) {
+    const std::pair<int32_t, int32_t> node = children[static_cast<size_t>(ref)];
+    CollectShortCodes(children, node.first, depth + 1, code << 1, codes);
+    CollectShortCodes(children, node.second, depth + 1, code << 1 | 1, codes);
+  }
 }
 
 }  // namespace
@@ -83,6 +94,7 @@ void HuffmanDecoder::Reset(const HuffmanEncoding::TreeNode* root) {
   m_maxDepth = 0;
   m_children.clear();
   m_table.clear();
+  m_multiTable.clear();
   if (!root) return;
 
   bool ok = true;
@@ -98,6 +110,13 @@ void HuffmanDecoder::Reset(const HuffmanEncoding::TreeNode* root) {
   m_tableBits = std::min(m_maxDepth, kMaxTableBits);
   m_table.assign(size_t{1} << m_tableBits, 0);
   Fill(m_root, 0, 0);
+
+  std::vector<Ozm::ShortCode> codes;
+  CollectShortCodes(m_children, m_root, 0, 0, codes);
+  std::stable_sort(codes.begin(), codes.end(),
+                   [](const Ozm::ShortCode& a, const Ozm::ShortCode& b) { return a.length < b.length; });
+  m_multiTable.resize(Ozm::kWindowCount);
+  Ozm::BuildMultiCodeTable(codes, m_multiTable.data());
 }
 
 int32_t HuffmanDecoder::Flatten(const HuffmanEncoding::TreeNode* node, uint32_t depth, bool& ok) {
@@ -138,8 +157,8 @@ void HuffmanDecoder::Fill(int32_t ref, uint32_t depth, uint32_t code) {
   }
 }
 
-HRESULT HuffmanDecoder::Decode(const uint32_t* words, uint32_t numBits, uint8_t* out, size_t stride,
-                               size_t maxSymbols, size_t* decoded) const {
+HRESULT HuffmanDecoder::Decode(const uint32_t* words, uint32_t numBits, uint8_t* out, size_t stride, size_t maxSymbols,
+                               size_t* decoded) const {
   size_t count = 0;
   if (decoded) *decoded = 0;
   if (numBits == 0) return S_OK;
@@ -154,11 +173,33 @@ HRESULT HuffmanDecoder::Decode(const uint32_t* words, uint32_t numBits, uint8_t*
   if (!OZM_ASSERT(words) || !OZM_ASSERT(out || maxSymbols == 0)) return E_POINTER;
 
   const uint32_t* const table = m_table.data();
+  const uint64_t* const multiTable = m_multiTable.data();
+  uint8_t spare = 0;
   const uint32_t shift = 64 - m_tableBits;
   Ozm::WordBitBuffer in(words, Ozm::WordCount(numBits));
+  // Windows that end before numBits lie in the words, and every code that starts in one starts
+  // before numBits: those are decoded up to three codes at a time. Bytes of codes an entry does not
+  // hold go to `spare`, so that out is written only where a symbol is decoded.
+  const uint64_t lastFullWindow = numBits >= Ozm::kWindowBits ? numBits - Ozm::kWindowBits : 0;
+  const bool windows = numBits >= Ozm::kWindowBits;
   bool limited = false;
   bool truncated = false;
-  while (in.Consumed() < numBits) {
+  for (;;) {
+    while (windows && in.Consumed() <= lastFullWindow && maxSymbols - count >= 3) {
+      in.Refill();
+      const uint64_t multi = multiTable[in.m_bits >> (64 - Ozm::kWindowBits)];
+      const uint32_t codes = (multi >> 8) & 0xFF;
+      if (codes == 0) break;  // a code longer than the window
+      uint8_t* const at = out + count * stride;
+      at[0] = static_cast<uint8_t>(multi >> 16);
+      *(codes > 1 ? at + stride : &spare) = static_cast<uint8_t>(multi >> 24);
+      *(codes > 2 ? at + 2 * stride : &spare) = static_cast<uint8_t>(multi >> 32);
+      count += codes;
+      in.Skip(multi & 0xFF);
+    }
+
+    // One code at a time near the ends and for long codes.
+    if (in.Consumed() >= numBits) break;
     if (count == maxSymbols) {
       limited = true;
       break;

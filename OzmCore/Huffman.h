@@ -176,6 +176,7 @@ class LazyBitReader {
 
 // Decodes the codes of a tree built by HuffmanEncoding::BuildTree, with the same result as the
 // walk from the root, through a lookup table of up to 11 bits; longer codes finish with the walk.
+// Decode also reads up to three short codes with one look-up.
 // The decoder copies what it needs, so the HuffmanEncoding may go away afterwards.
 class HuffmanDecoder {
  public:
@@ -224,6 +225,7 @@ class HuffmanDecoder {
   uint32_t m_maxDepth = 0;
   std::vector<std::pair<int32_t, int32_t>> m_children;  // left, right of each inner node
   std::vector<uint32_t> m_table;
+  std::vector<uint64_t> m_multiTable;  // several short codes per look-up, for Decode
 };
 
 template <class Reader>

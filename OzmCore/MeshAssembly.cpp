@@ -86,34 +86,25 @@ HRESULT COzmMeshReader::ReadTemporalMesh(IStream* stream, CStreamingMeshHeader& 
   std::vector<STransform> transforms;
   HRESULT hr = ReadTransforms(stream, header, &transforms);
   if (OZM_FAILED(hr)) return hr;
-  if (header.m_numIndices > c_MaxMeshElements || header.m_numVertices > c_MaxMeshElements) {
-    OZM_LOGE("ReadTemporalMesh: %u vertices / %u indices is beyond any mesh", header.m_numVertices, header.m_numIndices);
-    return E_UNEXPECTED;
-  }
-  const uint32_t stride = VertexStride();
-  OZMCORE::CComPtr<IOzmBuffer> indices, vertices;
-  hr = Allocate(header.m_numIndices * 4, 4, &indices);
-  if (OZM_SUCCEEDED(hr)) hr = Allocate(header.m_numVertices * stride, stride, &vertices);
-  if (OZM_FAILED(hr)) return hr;
-  OzmLockedMemory ib{}, vb{};
-  indices->LockBuffer(&ib);
-  vertices->LockBuffer(&vb);
-  std::memset(ib.pData, 0, ib.size);
-  std::memset(vb.pData, 0, vb.size);
 
-  uint32_t vertexCount = 0, indexCount = 0;
+  // The sub-meshes are decoded first and merged once all are known, so that the frame's buffers are
+  // only allocated for counts that the sub-meshes really fill.
+  struct SubMesh {
+    CStreamingMeshHeader header;
+    OZMCORE::CComPtr<IOzmBuffer> vertices, indices;
+  };
+  std::vector<SubMesh> subs;
+  uint64_t vertexSum = 0, indexSum = 0;
   for (uint32_t i = 0; i < header.m_numSubMeshes && OZM_SUCCEEDED(hr); ++i) {
-    CStreamingMeshHeader sub;
-    hr = sub.Read(stream);
+    SubMesh sub;
+    hr = sub.header.Read(stream);
     if (OZM_FAILED(hr)) break;
-    OZMCORE::CComPtr<IOzmBuffer> subVertices, subIndices;
-    hr = ReadSubMesh(stream, sub, &subVertices, &subIndices);
+    hr = ReadSubMesh(stream, sub.header, &sub.vertices, &sub.indices);
     if (OZM_FAILED(hr)) break;
-    hr = MergeSubmesh(header, sub, transforms[i], subVertices, subIndices, vb.pData,
-                      reinterpret_cast<uint32_t*>(ib.pData), vertexCount, indexCount);
+    vertexSum += sub.header.m_numVertices;
+    indexSum += sub.header.m_numIndices;
+    subs.push_back(std::move(sub));
   }
-  indices->UnlockBuffer();
-  vertices->UnlockBuffer();
 
   // A sub-mesh missing from this frame loses its state; the marks start afresh for the next one.
   for (auto it = m_contexts.begin(); it != m_contexts.end();) {
@@ -124,6 +115,31 @@ HRESULT COzmMeshReader::ReadTemporalMesh(IStream* stream, CStreamingMeshHeader& 
       ++it;
     }
   }
+  if (OZM_FAILED(hr)) return hr;
+  if (header.m_numVertices > vertexSum || header.m_numIndices > indexSum) {
+    OZM_LOGE("ReadTemporalMesh: the frame claims %u vertices / %u indices, its sub-meshes hold %llu / %llu",
+             header.m_numVertices, header.m_numIndices, static_cast<unsigned long long>(vertexSum),
+             static_cast<unsigned long long>(indexSum));
+    return E_UNEXPECTED;
+  }
+
+  const uint32_t stride = VertexStride();
+  OZMCORE::CComPtr<IOzmBuffer> indices, vertices;
+  hr = Allocate(header.m_numIndices * 4, 4, &indices);
+  if (OZM_SUCCEEDED(hr)) hr = Allocate(header.m_numVertices * stride, stride, &vertices);
+  if (OZM_FAILED(hr)) return hr;
+  OzmLockedMemory ib{}, vb{};
+  indices->LockBuffer(&ib);
+  vertices->LockBuffer(&vb);
+  std::memset(ib.pData, 0, ib.size);
+  std::memset(vb.pData, 0, vb.size);
+  uint32_t vertexCount = 0, indexCount = 0;
+  for (size_t i = 0; i < subs.size() && OZM_SUCCEEDED(hr); ++i) {
+    hr = MergeSubmesh(header, subs[i].header, transforms[i], subs[i].vertices, subs[i].indices, vb.pData,
+                      reinterpret_cast<uint32_t*>(ib.pData), vertexCount, indexCount);
+  }
+  indices->UnlockBuffer();
+  vertices->UnlockBuffer();
   if (OZM_FAILED(hr)) return hr;
   *ppVertexBuffer = vertices.Detach();
   *ppIndexBuffer = indices.Detach();

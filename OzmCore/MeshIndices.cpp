@@ -1,4 +1,5 @@
 // Index block of a key frame: raw, fixed-byte delta, varint delta, EdgeBreaker, and triangle strips.
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -106,13 +107,6 @@ bool DecodeStripDeltas(const std::vector<uint8_t>& in, uint32_t numIndices, uint
   return true;
 }
 
-HRESULT ReadRaw(IStream* stream, uint32_t numIndices, uint32_t* out) {
-  uint32_t got = 0;
-  const HRESULT hr = ReadBytes(stream, out, numIndices * 4, &got);
-  if (got < numIndices * 4) OZM_LOGW("ReadIndices: %u of %u index bytes present", got, numIndices * 4);
-  return hr;
-}
-
 // Reads the 8-byte signed size of a coded block and the block itself.
 HRESULT ReadSizedBlock(IStream* stream, std::vector<uint8_t>& block) {
   int64_t size = 0;
@@ -135,85 +129,112 @@ HRESULT COzmMeshReader::ReadIndices(COzmMeshReaderCtx* ctx, IStream* stream, CSt
     OZM_LOGE("ReadIndices: %u indices / %u faces is beyond any mesh", numIndices, numFaces);
     return E_UNEXPECTED;
   }
-
-  OZMCORE::CComPtr<IOzmBuffer> buffer;
-  HRESULT hr = Allocate(numIndices * 4, 4, &buffer);
-  if (OZM_FAILED(hr)) return hr;
   const uint8_t flags = header->m_Version.v.m_FormatFlags;
   const bool strips = flags == NWelmStudioFormatFlags::c_TriangleStrips;
+  const uint8_t version = header->m_Version.v.m_IndexVersion;
+  using namespace NWelmStudioIndexVersion;
+
+  // The coded data is read first, so that the counts of the header can be checked against what the
+  // stream really holds before any memory is committed to them.
+  std::vector<uint8_t> block;
+  std::vector<WelmMeshFace> faces;  // EdgeBreaker output
+  HRESULT hr = S_OK;
+  bool enough = true;
+  if (strips && !OZM_ASSERT_MSG(version == c_FixedByteDeltaEncodedIndices || version == c_UncompressedIndices,
+                                "pHeader->m_Version.v.m_IndexVersion == "
+                                "NWelmStudioIndexVersion::c_FixedByteDeltaEncodedIndices || "
+                                "pHeader->m_Version.v.m_IndexVersion == NWelmStudioIndexVersion::c_UncompressedIndices")) {
+    return E_UNEXPECTED;
+  }
+  switch (version) {
+    case c_UncompressedIndices:
+      hr = ReadBlock(stream, 4ull * numIndices, block);
+      enough = block.size() == 4ull * numIndices;
+      break;
+    case c_FixedByteDeltaEncodedIndices:
+      if (strips) {
+        int64_t size = 0;
+        uint32_t reserved = 0;
+        hr = ReadValue(stream, &size);
+        if (OZM_SUCCEEDED(hr)) hr = ReadValue(stream, &reserved);
+        if (OZM_SUCCEEDED(hr)) hr = ReadBlock(stream, size > 0 ? static_cast<uint64_t>(size) : 0, block);
+        enough = block.size() >= 2ull * numIndices;  // a length byte and at least one value byte each
+        break;
+      }
+      hr = ReadSizedBlock(stream, block);
+      enough = block.size() >= 4ull * numFaces;  // a control byte and three deltas of a byte or more
+      break;
+    case c_VarIntDeltaEncodedIndices:
+      hr = ReadSizedBlock(stream, block);
+      enough = block.size() >= 3ull * numFaces;  // three numbers of a byte or more
+      break;
+    case c_EdgeBreakerIndices: {
+      uint32_t size = 0;
+      hr = ReadValue(stream, &size);
+      if (OZM_SUCCEEDED(hr)) hr = ReadBlock(stream, size, block);
+      if (OZM_FAILED(hr)) break;
+      EdgeBreaker::CEdgeBreaker codec;
+      if (block.size() < size || !codec.Decompress(block, &faces)) {
+        OZM_LOGE("ReadIndices: EdgeBreaker block of %u bytes is corrupt", size);
+        return E_FAIL;
+      }
+      OZM_ASSERT_MSG(3 * faces.size() <= numIndices, "3 * meshFaces.size() * sizeof(UINT) <= ibLen");
+      break;
+    }
+    default:
+      OZM_LOGE("ReadIndices: unknown index coding %u", version);
+      return E_UNEXPECTED;
+  }
+  if (OZM_FAILED(hr)) return hr;
+  if (!enough) {
+    OZM_LOGE("ReadIndices: %zu bytes of index data cannot hold %u indices / %u faces", block.size(), numIndices,
+             numFaces);
+    return E_FAIL;
+  }
+  if (!strips && version != c_UncompressedIndices) {
+    const uint64_t listed = 3ull * (version == c_EdgeBreakerIndices ? faces.size() : numFaces);
+    if (version != c_EdgeBreakerIndices && listed > numIndices) {
+      OZM_LOGE("ReadIndices: %u faces do not fit %u indices", numFaces, numIndices);
+      return E_UNEXPECTED;
+    }
+    // Indices beyond the faces are padding; a header asking for far more than the faces give is bogus.
+    if (numIndices > std::max<uint64_t>(listed, 3ull * numFaces) + 3) {
+      OZM_LOGE("ReadIndices: %u indices for %llu coded ones", numIndices, static_cast<unsigned long long>(listed));
+      return E_UNEXPECTED;
+    }
+  }
+
+  OZMCORE::CComPtr<IOzmBuffer> buffer;
+  hr = Allocate(numIndices * 4, 4, &buffer);
+  if (OZM_FAILED(hr)) return hr;
   buffer->SetUINT32(OzmAttrib_UseTriList, strips ? 0 : 1);
   OzmLockedMemory locked{};
   hr = buffer->LockBuffer(&locked);
   if (OZM_FAILED(hr)) return hr;
   uint32_t* indices = reinterpret_cast<uint32_t*>(locked.pData);
-  // Whatever a short or corrupt block leaves undecoded is index 0, never stale memory.
   std::memset(indices, 0, static_cast<size_t>(numIndices) * 4);
 
-  const uint8_t version = header->m_Version.v.m_IndexVersion;
-  std::vector<uint8_t> block;
-  if (strips) {
-    if (!OZM_ASSERT_MSG(version == NWelmStudioIndexVersion::c_FixedByteDeltaEncodedIndices ||
-                            version == NWelmStudioIndexVersion::c_UncompressedIndices,
-                        "pHeader->m_Version.v.m_IndexVersion == NWelmStudioIndexVersion::c_FixedByteDeltaEncodedIndices "
-                        "|| pHeader->m_Version.v.m_IndexVersion == NWelmStudioIndexVersion::c_UncompressedIndices")) {
-      hr = E_UNEXPECTED;
-    } else if (version == NWelmStudioIndexVersion::c_UncompressedIndices) {
-      hr = ReadRaw(stream, numIndices, indices);
-    } else {
-      int64_t size = 0;
-      uint32_t reserved = 0;
-      hr = ReadValue(stream, &size);
-      if (OZM_SUCCEEDED(hr)) hr = ReadValue(stream, &reserved);
-      if (OZM_SUCCEEDED(hr)) hr = ReadBlock(stream, size > 0 ? static_cast<uint64_t>(size) : 0, block);
-      if (OZM_SUCCEEDED(hr) && !DecodeStripDeltas(block, numIndices, indices)) {
-        OZM_LOGE("ReadIndices: strip block of %zu bytes ends before %u indices", block.size(), numIndices);
+  switch (version) {
+    case c_UncompressedIndices:
+      if (numIndices) std::memcpy(indices, block.data(), 4ull * numIndices);
+      break;
+    case c_FixedByteDeltaEncodedIndices:
+      if (strips ? !DecodeStripDeltas(block, numIndices, indices) : !DecodeFixedByteDeltas(block, numFaces, indices)) {
+        OZM_LOGE("ReadIndices: index block of %zu bytes ends early", block.size());
         hr = E_FAIL;
       }
-    }
-  } else {
-    const bool facesFit = 3ull * numFaces <= numIndices;
-    switch (version) {
-      case NWelmStudioIndexVersion::c_UncompressedIndices:
-        hr = ReadRaw(stream, numIndices, indices);
-        break;
-      case NWelmStudioIndexVersion::c_FixedByteDeltaEncodedIndices:
-      case NWelmStudioIndexVersion::c_VarIntDeltaEncodedIndices:
-        hr = ReadSizedBlock(stream, block);
-        if (OZM_FAILED(hr)) break;
-        if (!facesFit) {
-          OZM_LOGE("ReadIndices: %u faces do not fit %u indices", numFaces, numIndices);
-          hr = E_UNEXPECTED;
-        } else if (version == NWelmStudioIndexVersion::c_FixedByteDeltaEncodedIndices) {
-          if (!DecodeFixedByteDeltas(block, numFaces, indices)) {
-            OZM_LOGE("ReadIndices: index block of %zu bytes ends before %u faces", block.size(), numFaces);
-            hr = E_FAIL;
-          }
-        } else if (!DecodeVarIntDeltas(block, numFaces, indices)) {
-          OZM_ASSERT_WIDE(!"Out of input");
-          OZM_ASSERT_MSG(false, "!\"Read past end of buffer. This should never happen!\"");
-          hr = E_FAIL;
-        }
-        break;
-      case NWelmStudioIndexVersion::c_EdgeBreakerIndices: {
-        uint32_t size = 0;
-        hr = ReadValue(stream, &size);
-        if (OZM_SUCCEEDED(hr)) hr = ReadBlock(stream, size, block);
-        if (OZM_FAILED(hr)) break;
-        std::vector<WelmMeshFace> faces;
-        EdgeBreaker::CEdgeBreaker codec;
-        if (block.size() < size || !codec.Decompress(block, &faces)) {
-          OZM_LOGE("ReadIndices: EdgeBreaker block of %u bytes is corrupt", size);
-          hr = E_FAIL;
-          break;
-        }
-        OZM_ASSERT_MSG(3 * faces.size() * sizeof(uint32_t) <= locked.size,
-                       "3 * meshFaces.size() * sizeof(UINT) <= ibLen");
-        const size_t copied = std::min<size_t>(faces.size(), numIndices / 3);
-        if (copied) std::memcpy(indices, faces.data(), copied * sizeof(WelmMeshFace));
-        break;
+      break;
+    case c_VarIntDeltaEncodedIndices:
+      if (!DecodeVarIntDeltas(block, numFaces, indices)) {
+        OZM_ASSERT_WIDE(!"Out of input");
+        OZM_ASSERT_MSG(false, "!\"Read past end of buffer. This should never happen!\"");
+        hr = E_FAIL;
       }
-      default:
-        break;
+      break;
+    default: {  // EdgeBreaker
+      const size_t copied = std::min<size_t>(faces.size(), numIndices / 3);
+      if (copied) std::memcpy(indices, faces.data(), copied * sizeof(WelmMeshFace));
+      break;
     }
   }
 

@@ -109,6 +109,18 @@ HRESULT COzmMeshReader::DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMes
     return E_UNEXPECTED;
   }
   const uint32_t n = header->m_numVertices;
+  const bool hasOlder = ctx->m_pOlderMesh != nullptr;
+  std::vector<__vector4>* older = hasOlder ? ctx->m_pOlderMesh : &ctx->m_workMesh;
+  if (3ull * n > len) {
+    OZM_ASSERT_MSG(false, "!\"Mesh size doesn't match compressed size\"");
+    return E_UNEXPECTED;
+  }
+  // The key frame sized both history arrays and the key records; anything else is a broken context.
+  if (older->size() != n || ctx->m_pKeyVertices.size() != n) {
+    OZM_LOGE("DecodeDeltas: history of %zu positions and %zu key vertices for %u vertices", older->size(),
+             ctx->m_pKeyVertices.size(), n);
+    return E_UNEXPECTED;
+  }
   const uint32_t stride = VertexStride();
   OZMCORE::CComPtr<IOzmBuffer> buffer;
   HRESULT hr = Allocate(stride * n, stride, &buffer);
@@ -116,21 +128,6 @@ HRESULT COzmMeshReader::DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMes
   OzmLockedMemory locked{};
   hr = buffer->LockBuffer(&locked);
   if (OZM_FAILED(hr)) return hr;
-
-  const bool hasOlder = ctx->m_pOlderMesh != nullptr;
-  std::vector<__vector4>* older = hasOlder ? ctx->m_pOlderMesh : &ctx->m_workMesh;
-  if (3ull * n > len) {
-    OZM_ASSERT_MSG(false, "!\"Mesh size doesn't match compressed size\"");
-    buffer->UnlockBuffer();
-    return E_UNEXPECTED;
-  }
-  // The key frame sized both history arrays and the key records; anything else is a broken context.
-  if (older->size() != n || ctx->m_pKeyVertices.size() != n) {
-    OZM_LOGE("DecodeDeltas: history of %zu positions and %zu key vertices for %u vertices", older->size(),
-             ctx->m_pKeyVertices.size(), n);
-    buffer->UnlockBuffer();
-    return E_UNEXPECTED;
-  }
   ctx->m_pOlderMesh = older;
 
   AxisTable axes[3];

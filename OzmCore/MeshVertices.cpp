@@ -43,32 +43,25 @@ HRESULT COzmMeshReader::ReadVertices(COzmMeshReaderCtx* ctx, IStream* stream, CS
   const bool withNormal = (m_flags & NReaderFlags::c_WithNormals) != 0;
   const uint32_t stride = VertexStride();
 
+  // The records are read before the output is allocated, so a header claiming more vertices than
+  // the stream holds costs nothing.
+  std::vector<uint8_t> records;
+  HRESULT hr = ReadBlock(stream, static_cast<uint64_t>(recordSize) * n, records);
+  if (OZM_FAILED(hr)) return hr;
+  if (records.size() < static_cast<uint64_t>(recordSize) * n) {
+    OZM_LOGE("ReadVertices: %zu of %u vertex bytes present", records.size(), recordSize * n);
+    return E_FAIL;
+  }
   OZMCORE::CComPtr<IOzmBuffer> buffer;
-  HRESULT hr = Allocate(stride * n, stride, &buffer);
+  hr = Allocate(stride * n, stride, &buffer);
   if (OZM_FAILED(hr)) return hr;
   OzmLockedMemory locked{};
   hr = buffer->LockBuffer(&locked);
   if (OZM_FAILED(hr)) return hr;
   uint8_t* dst = locked.pData;
-
   // 16-bit output whose layout is the record layout takes the records as they are.
   const bool direct = !floats && recordSize == stride;
-  std::vector<uint8_t> staging;
-  uint8_t* records = dst;
-  if (!direct) {
-    staging.resize(static_cast<size_t>(recordSize) * n);
-    records = staging.data();
-  }
-  uint32_t got = 0;
-  hr = ReadBytes(stream, records, recordSize * n, &got);
-  if (OZM_FAILED(hr)) {
-    buffer->UnlockBuffer();
-    return hr;
-  }
-  if (got < recordSize * n) {
-    OZM_LOGW("ReadVertices: %u of %u vertex bytes present", got, recordSize * n);
-    std::memset(records + got, 0, recordSize * n - got);
-  }
+  if (direct && n) std::memcpy(dst, records.data(), records.size());
 
   ctx->m_pKeyVertices.resize(n);
   ctx->m_keyMesh.resize(n);
@@ -79,7 +72,7 @@ HRESULT COzmMeshReader::ReadVertices(COzmMeshReaderCtx* ctx, IStream* stream, CS
   const float* lo = header->m_bboxMin;
   const float* hi = header->m_bboxMax;
   for (uint32_t i = 0; i < n; ++i) {
-    const uint8_t* r = records + static_cast<size_t>(i) * recordSize;
+    const uint8_t* r = records.data() + static_cast<size_t>(i) * recordSize;
     const int16_t q[3] = {I16(r), I16(r + 2), I16(r + 4)};
     const int16_t s = I16(r + uvOffset), t = I16(r + uvOffset + 2);
     const float p[3] = {DequantizePosition(q[0], lo[0], hi[0]), DequantizePosition(q[1], lo[1], hi[1]),

@@ -9,6 +9,7 @@
 #include "OzmCore/StreamingMeshHeader.h"
 #include "OzmCore/encode/HeaderWriter.h"
 #include "OzmCore/encode/KeyFrameWriter.h"
+#include "OzmCore/encode/SequenceEncoder.h"
 #include "OzmCore/encode/MeshNalWriter.h"
 #include "OzmCore/encode/XtraWriter.h"
 
@@ -105,6 +106,33 @@ int main(int argc, char** argv) {
       Bytes input = {static_cast<uint8_t>(index + variant)};
       input.insert(input.end(), frame.bytes.begin(), frame.bytes.end());
       Write(root / "key_frame", "index" + std::to_string(index) + "-" + std::to_string(variant) + ".bin", input);
+    }
+  }
+
+  // Short sequences of the same grid moving: a key frame and inter frames in every coding, as plain
+  // and as temporal meshes. Each payload is preceded by its 16-bit length.
+  const OzmEncode::InterCoding codings[] = {OzmEncode::InterCoding::ByteDelta, OzmEncode::InterCoding::Golomb,
+                                            OzmEncode::InterCoding::Huffman, OzmEncode::InterCoding::TransformDelta};
+  for (OzmEncode::InterCoding coding : codings) {
+    for (int temporal = 0; temporal < 2; ++temporal) {
+      OzmEncode::SequenceOptions options;
+      options.inter = coding;
+      options.temporalSubMeshes = temporal == 1;
+      options.normals = temporal == 0;
+      options.indexVersion = 3;
+      OzmEncode::SequenceEncoder encoder(options);
+      Bytes input = {static_cast<uint8_t>(temporal ? 3 : 0)};
+      for (int t = 0; t < 4; ++t) {
+        OzmEncode::Mesh frame = grid;
+        for (size_t i = 2; i < frame.positions.size(); i += 3) frame.positions[i] += 0.05f * t * float(i % 7);
+        OzmEncode::EncodedFrame encoded;
+        if (!encoder.Encode(frame, static_cast<uint32_t>(t + 1), &encoded) || encoded.payload.size() > 65535) break;
+        input.push_back(static_cast<uint8_t>(encoded.payload.size()));
+        input.push_back(static_cast<uint8_t>(encoded.payload.size() >> 8));
+        input.insert(input.end(), encoded.payload.begin(), encoded.payload.end());
+      }
+      Write(root / "mesh_sequence",
+            "coding" + std::to_string(static_cast<int>(coding)) + (temporal ? "-temporal" : "") + ".bin", input);
     }
   }
 

@@ -111,7 +111,7 @@ TEST(ReadIndices, HandMadeBlocksDecodeAsTheCodingsSay) {
        {3, 1, 2}, 0},
       {"strips with varints are not a thing", IndexFrame(kStrips, c_VarIntDeltaEncodedIndices, 4, 1, 3, Sized({2})),
        E_UNEXPECTED, {}, 0},
-      {"unknown index coding leaves zeros", IndexFrame(kList, 9, 4, 1, 3, {}), S_OK, {0, 0, 0}, 1},
+      {"unknown index coding", IndexFrame(kList, 9, 4, 1, 3, {}), E_UNEXPECTED, {}, 0},
       {"block ends inside a face",
        IndexFrame(kList, c_FixedByteDeltaEncodedIndices, 5, 2, 6, Sized({0x00, 1, 2, 3, 0x3F, 0, 0})), E_FAIL, {}, 0},
       {"varint runs out", IndexFrame(kList, c_VarIntDeltaEncodedIndices, 5, 1, 3, Sized({0x02, 0x84})), E_FAIL, {}, 0},
@@ -123,8 +123,10 @@ TEST(ReadIndices, HandMadeBlocksDecodeAsTheCodingsSay) {
        E_FAIL, {}, 0},
       {"index beyond the vertices", IndexFrame(kList, c_UncompressedIndices, 2, 1, 3, {2, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0}),
        E_UNEXPECTED, {}, 0},
-      {"more faces than indices", IndexFrame(kList, c_FixedByteDeltaEncodedIndices, 5, 3, 6, Sized({})), E_UNEXPECTED,
-       {}, 0},
+      {"more faces than indices", IndexFrame(kList, c_FixedByteDeltaEncodedIndices, 5, 3, 6, Sized(Bytes(12, 0))),
+       E_UNEXPECTED, {}, 0},
+      {"counts beyond what the block can hold",
+       IndexFrame(kList, c_VarIntDeltaEncodedIndices, 5, 4000000, 12000000, Sized({2, 4, 6})), E_FAIL, {}, 0},
       {"absurd counts", IndexFrame(kList, c_UncompressedIndices, 5, 1, 0xFFFFFFFF, {}), E_UNEXPECTED, {}, 0},
   };
   for (const Case& c : cases) {
@@ -140,7 +142,7 @@ TEST(ReadIndices, HandMadeBlocksDecodeAsTheCodingsSay) {
 TEST(ReadIndices, RunningOutOfVarintInputLogsBothAssertions) {
   const IndexRead r = ReadIndexBlock(
       IndexFrame(NWelmStudioFormatFlags::c_TriangleList, NWelmStudioIndexVersion::c_VarIntDeltaEncodedIndices, 5, 1,
-                 3, Sized({0x02})));
+                 3, Sized({0x02, 0x84, 0x80})));
   EXPECT_EQ(r.hr, E_FAIL);
   ASSERT_EQ(r.log.size(), 2u);
   EXPECT_EQ(r.log[0].rfind("ASSERT FAILED: '!\"Out of input\"' at OzmCore/MeshIndices line ", 0), 0u) << r.log[0];

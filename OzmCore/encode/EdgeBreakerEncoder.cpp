@@ -73,7 +73,7 @@ class Encoder {
     return static_cast<int>(m_origin.size()) - 1;
   }
   int RotateNext(int c) const { return m_opp[c] < 0 ? -1 : Next(m_opp[c]); }  // next corner around the vertex
-  int RotatePrev(int c) const { return m_opp[Prev(c)]; }                       // and the one before
+  int RotatePrev(int c) const { return m_opp[Prev(c)]; }                      // and the one before
   int Canonical(int h) const { return m_opp[h] < 0 ? h : std::min(h, m_opp[h]); }
   void Cut(int h) {
     const int o = m_opp[h];
@@ -415,7 +415,8 @@ void Encoder::CutAlongTreeComplement(int component) {
     std::vector<int> count(static_cast<size_t>(maxWeight) + 3, 0);
     for (const int h : interior) ++count[static_cast<size_t>(maxWeight + 1 - weight(h)) + 1];
     for (size_t i = 1; i < count.size(); ++i) count[i] += count[i - 1];
-    for (const int h : interior) order[static_cast<size_t>(count[static_cast<size_t>(maxWeight + 1 - weight(h))]++)] = h;
+    for (const int h : interior)
+      order[static_cast<size_t>(count[static_cast<size_t>(maxWeight + 1 - weight(h))]++)] = h;
   }
   ForEachCorner(component, [&](int c) { parent[c / 3] = c / 3; });
   auto find = [&](int t) {
@@ -541,7 +542,7 @@ bool Encoder::Traverse(int component, std::vector<int>* vertexOrder, std::vector
       ++loopLength;
       continue;
     }
-    const bool closesRight = nodeEdge[g] == hn;              // g -> w is the loop's next edge
+    const bool closesRight = nodeEdge[g] == hn;                // g -> w is the loop's next edge
     const bool closesLeft = nodeEdge[nodePrev[before]] == hp;  // w -> before is the loop's previous edge
     if (closesRight && closesLeft) {
       codes->push_back(E);

@@ -92,7 +92,8 @@ uint8_t ChooseGolombCenter(const uint8_t* symbols, size_t n, size_t stride) {
   uint64_t bestCost = std::numeric_limits<uint64_t>::max();
   for (uint32_t c = 0; c < 256; ++c) {
     uint64_t cost = 0;
-    for (uint32_t s = 0; s < 256; ++s) cost += histogram[s] * ZigzagValue(static_cast<uint8_t>(s), static_cast<uint8_t>(c));
+    for (uint32_t s = 0; s < 256; ++s)
+      cost += histogram[s] * ZigzagValue(static_cast<uint8_t>(s), static_cast<uint8_t>(c));
     if (cost < bestCost) {
       bestCost = cost;
       best = static_cast<uint8_t>(c);

@@ -8,7 +8,7 @@
 //   uint32   faces[F][3]        counter-clockwise seen from outside
 //
 // Animation file (*.anim), little-endian: one topology, every frame's positions quantised to 16 bits
-// in a box that holds all frames (about 0.03 mm steps on the 15 cm bunny):
+// in a box that holds all frames:
 //   char[8]  "OZMANIM1"
 //   uint32   vertex count V, face count F, frame count N
 //   float32  box minimum[3], box maximum[3]
