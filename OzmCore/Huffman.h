@@ -212,7 +212,7 @@ class HuffmanDecoder {
  private:
   // A node reference: >= 0 an inner node (index into m_children), < 0 the leaf of symbol ~ref.
   static constexpr int32_t kNone = INT32_MIN;
-  // Table entry: the symbol, or the inner node reached after kTableBits bits, in the low 16 bits;
+  // Table entry: the symbol, or the inner node reached after m_tableBits bits, in the low 16 bits;
   // the bits consumed in bits 16..23; bit 31 set for a symbol.
   static constexpr uint32_t kLeafFlag = 0x80000000u;
   static constexpr uint32_t kMaxTableBits = 11;

@@ -134,7 +134,7 @@ HRESULT COzmMeshReader::ReadHuffmanCodedVertices(COzmMeshReaderCtx* ctx, IStream
     std::memcpy(frequencies.data(), table.data(), 1024);
     hr = ReadWords(stream, numBits[a], words);
     if (OZM_FAILED(hr)) return hr;
-    if (numBits[a] == 0) continue;
+    if (numBits[a] == 0 || n == 0) continue;
     HuffmanEncoding huffman;
     HuffmanEncoding::TreeNode* root = nullptr;
     huffman.BuildTree(frequencies, &root);

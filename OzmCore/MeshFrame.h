@@ -67,7 +67,6 @@ class MeshFrame {
   double m_bboxMin[3] = {0, 0, 0};
   double m_bboxMax[3] = {0, 0, 0};
   long long m_timestamp = 0;  // nanoseconds, as the sample had it
-  uint32_t m_reserved = 0;
   uint32_t m_isKeyFrame = 0;
 };
 

@@ -2,13 +2,14 @@
 # Builds the libFuzzer targets (clang, AddressSanitizer + UndefinedBehaviorSanitizer) and fuzzes each
 # one for a given time, starting from its committed seeds. Findings land in build/fuzz-findings/.
 #   scripts/fuzz.sh [seconds per target] [target ...]
-# Targets: find_compressed_mesh streaming_mesh_header xtra_attributes (default: all).
+# Targets: the fuzz_* programs of fuzz/CMakeLists.txt (default: all of them).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
 shift || true
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(find_compressed_mesh streaming_mesh_header xtra_attributes)
+[ ${#targets[@]} -gt 0 ] || targets=(find_compressed_mesh streaming_mesh_header xtra_attributes edgebreaker golomb huffman
+                                     key_frame mesh_sequence)
 
 cmake --preset fuzz >/dev/null
 cmake --build build/fuzz

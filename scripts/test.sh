@@ -3,10 +3,15 @@
 #   host      the unit and integration tests (gcc, optimised with debug info)
 #   host-asan the same under AddressSanitizer and UndefinedBehaviorSanitizer
 #   fuzz      every fuzz target for a short fixed number of libFuzzer iterations (clang)
+# Test data (build/test-data) is generated first by scripts/test-data.sh.
 # Choose other presets with OZM_TEST_PRESETS="host fuzz".
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
+# The meshes the data-driven tests need (the Stanford bunny from the npm registry, and meshes made
+# from it); quick when they are already there.
+cmake --preset host >/dev/null
+scripts/test-data.sh build/host
 
 presets=${OZM_TEST_PRESETS:-host host-asan fuzz}
 jobs=$(nproc 2>/dev/null || echo 2)

@@ -1,9 +1,11 @@
 // Plain bit-by-bit decoders of the Golomb and Huffman bitstreams, written straight from the
-// definition of the formats, for the tests and fuzz targets to check the fast decoders against.
+// definition of the formats, for the tests and fuzz targets to check the fast decoders against;
+// and the packing of bits written as text.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "OzmCore/Huffman.h"
@@ -30,6 +32,23 @@ class BitCursor {
 };
 
 inline uint64_t WordCount(uint32_t numBits) { return (static_cast<uint64_t>(numBits) + 31) / 32; }
+
+struct BitString {
+  std::vector<uint32_t> words;
+  uint32_t numBits = 0;
+};
+
+// "0 10 110" -> the bits in order (other characters ignored), from bit 31 of the first word down.
+inline BitString Pack(const std::string& text) {
+  BitString s;
+  for (char c : text) {
+    if (c != '0' && c != '1') continue;
+    if (s.numBits % 32 == 0) s.words.push_back(0);
+    if (c == '1') s.words.back() |= 1u << (31 - s.numBits % 32);
+    ++s.numBits;
+  }
+  return s;
+}
 
 // Decodes Golomb codes with parameter M >= 1 until numBits bits are consumed; a symbol that needs
 // a bit beyond the last word is dropped and ends the decode (*truncated set).

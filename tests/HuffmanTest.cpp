@@ -288,24 +288,9 @@ void TreeCodes(const TreeNode* node, const std::string& prefix, std::map<int, st
   TreeCodes(node->right, prefix + "1", codes);
 }
 
-struct Stream {
-  std::vector<uint32_t> words;
-  uint32_t numBits = 0;
-};
-
-Stream Pack(const std::string& bits) {
-  Stream s;
-  for (char c : bits) {
-    if (s.numBits % 32 == 0) s.words.push_back(0);
-    if (c == '1') s.words.back() |= 1u << (31 - s.numBits % 32);
-    ++s.numBits;
-  }
-  return s;
-}
-
 // Random bits, or the codes of random symbols, cut at a random bit (a cut inside a code is a
 // truncated stream).
-Stream RandomStream(std::mt19937& rng, const std::map<int, std::string>& codes) {
+EntropyReference::BitString RandomStream(std::mt19937& rng, const std::map<int, std::string>& codes) {
   std::string bits;
   if (rng() % 2) {
     const size_t n = rng() % 700;
@@ -319,7 +304,7 @@ Stream RandomStream(std::mt19937& rng, const std::map<int, std::string>& codes) 
     for (size_t i = 0; i < n; ++i) bits += *all[std::min(rng() % all.size(), rng() % all.size())];
     if (!bits.empty() && rng() % 3 == 0) bits.resize(rng() % bits.size());
   }
-  return Pack(bits);
+  return EntropyReference::Pack(bits);
 }
 
 HRESULT ExpectedResult(HuffmanResult::Status status) {
@@ -348,7 +333,7 @@ TEST(HuffmanDecoder, MatchesTheTreeWalk) {
     if (!root || !root->left) continue;
     std::map<int, std::string> codes;
     TreeCodes(root, "", codes);
-    const Stream s = RandomStream(rng, codes);
+    const EntropyReference::BitString s = RandomStream(rng, codes);
     const size_t stride = 1 + rng() % 3;
     const size_t maxSymbols = rng() % 4 ? s.numBits + 1 : rng() % 50;
 
