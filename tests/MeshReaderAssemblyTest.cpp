@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <vector>
 
 #include "OzmCore/MeshFrame.h"
 #include "OzmCore/OzmAttributes.h"
 #include "OzmCore/OzmMeshReader.h"
+#include "OzmCore/encode/BitWriter.h"
 #include "OzmCore/encode/ByteWriter.h"
 #include "OzmCore/encode/HeaderWriter.h"
 #include "OzmCore/encode/KeyFrameWriter.h"
@@ -200,6 +202,96 @@ TEST(ReadMesh, BrokenInterFramesFailWithoutTouchingTheHistory) {
     EXPECT_EQ(m.hr, c.hr) << c.name;
     EXPECT_EQ(m.vertices.Get() == nullptr, c.hr != S_OK) << c.name;
     EXPECT_EQ(r.reader.Context(0)->m_pOlderMesh == nullptr, c.hr != S_OK) << c.name;
+  }
+}
+
+// A transform-delta frame for the 4 vertices of a 1 x 1 grid, written field by field.
+struct TransformDeltaBlock {
+  uint32_t rigidMask = 0;
+  std::vector<uint32_t> transformOf = {0, 0, 0, 0};
+  uint32_t transforms = 1;
+  std::vector<std::array<float, 3>> table;
+  std::vector<uint32_t> frequencies = {1};  // table entries, then the escape
+  std::vector<uint32_t> codes;              // one-bit codes, one per moving vertex
+  std::vector<std::array<float, 3>> escapes;
+
+  Bytes Frame() const {
+    CStreamingMeshHeader h;
+    h.m_Version.v = {NWelmStudioVertexVersion::c_TransformDeltaXYZUV, 0x01, 6, 0};
+    for (int a = 0; a < 3; ++a) {
+      h.m_bboxMin[a] = -10;
+      h.m_bboxMax[a] = 10;
+    }
+    Bytes out;
+    OzmEncode::WriteStreamingMeshHeader(h, out);
+    OzmEncode::WordBitWriter w;
+    auto putFloat = [&w](float f) {
+      uint32_t bits;
+      std::memcpy(&bits, &f, 4);
+      w.Put(bits, 32);
+    };
+    w.Put(rigidMask, 32);
+    for (uint32_t t : transformOf) w.Put(t, 5);
+    w.Put(transforms, 32);
+    w.Put(static_cast<uint32_t>(table.size()), 9);
+    for (const auto& d : table) {
+      for (float f : d) putFloat(f);
+    }
+    for (uint32_t f : frequencies) w.Put(f, 32);
+    size_t escape = 0;
+    for (uint32_t c : codes) {
+      w.Put(c, 1);
+      if (c == 0 && table.size() == 1) {  // with counts {3, 1} the escape is the left leaf
+        for (float f : escapes[escape++]) putFloat(f);
+      }
+    }
+    OzmEncode::ByteWriter bytes(out);
+    for (uint32_t word : w.Words()) bytes.U32LE(word);
+    return out;
+  }
+};
+
+TEST(ReadMesh, TransformDeltaFramesMoveTheHistoryAndRejectBrokenTables) {
+  struct Case {
+    const char* name;
+    TransformDeltaBlock block;
+    HRESULT hr;
+    float dx0, dx3;  // expected change of vertex 0 and 3 along x
+  };
+  TransformDeltaBlock rigid;
+  rigid.rigidMask = 1;  // the identity moves nothing and needs no deltas
+  TransformDeltaBlock deltas;  // a table of one delta (symbol 0) and the escape (symbol 1)
+  deltas.table = {{{0.5f, 0, 0}}};
+  deltas.frequencies = {3, 1};
+  deltas.codes = {1, 1, 1, 0};
+  deltas.escapes = {{{-2.0f, 0, 0}}};
+  TransformDeltaBlock noSymbols;
+  noSymbols.rigidMask = 1;
+  noSymbols.frequencies = {0};
+  TransformDeltaBlock badTransform = rigid;
+  badTransform.transformOf = {0, 7, 0, 0};
+  const Case cases[] = {
+      {"rigid identity", rigid, S_OK, 0, 0},
+      {"table delta and escape, subtracted", deltas, S_OK, -0.5f, 2.0f},
+      {"no symbols at all", noSymbols, E_UNEXPECTED, 0, 0},
+      {"transform beyond the table", badTransform, E_UNEXPECTED, 0, 0},
+  };
+  for (const Case& c : cases) {
+    Reader r(0x0A);
+    ASSERT_EQ(Read(r.reader, KeyFrame(MeshTest::Grid(1, 1))).hr, S_OK);
+    const std::vector<Ozm::__vector4> before = *r.reader.Context(0)->m_pPrevMesh;
+    const Mesh m = Read(r.reader, c.block.Frame());
+    EXPECT_EQ(m.hr, c.hr) << c.name;
+    if (c.hr != S_OK) continue;
+    const std::vector<Ozm::__vector4>& after = *r.reader.Context(0)->m_pPrevMesh;
+    EXPECT_FLOAT_EQ(after[0].x, before[0].x + c.dx0) << c.name;
+    EXPECT_FLOAT_EQ(after[3].x, before[3].x + c.dx3) << c.name;
+    EXPECT_FLOAT_EQ(after[3].y, before[3].y) << c.name;
+    const std::vector<uint8_t> vertices = MeshTest::Contents(m.vertices);
+    ASSERT_EQ(vertices.size(), 4u * 32);  // written in the reader's layout
+    float x3;
+    std::memcpy(&x3, &vertices[3 * 32], 4);
+    EXPECT_FLOAT_EQ(x3, before[3].x + c.dx3) << c.name;
   }
 }
 

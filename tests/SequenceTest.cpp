@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -11,6 +12,7 @@
 #include "OzmCore/encode/SequenceEncoder.h"
 #include "platform/host/LogCapture.h"
 #include "tests/MeshTestUtil.h"
+#include "tests/data/TestMeshFiles.h"
 
 using OzmEncode::InterCoding;
 
@@ -88,13 +90,64 @@ Decoded Unpack(IOzmBuffer* vb, unsigned flags) {
   return d;
 }
 
-// Every inter coding, with and without normals, as plain and as temporal meshes, decoded into every
-// output layout: each frame stays within its quantisation error, and the error does not grow.
-TEST(Sequence, EveryCodingRoundTripsIntoEveryLayoutWithinTheQuantisationStep) {
-  const int kFrames = 45;
-  std::vector<OzmEncode::Mesh> frames;
-  for (int t = 0; t < kFrames; ++t) frames.push_back(AnimatedFrame(t));
+// Encodes the frames and decodes them into every output layout with a fresh reader: each frame stays
+// within its quantisation error (the error of the frame before does not carry over), texture
+// coordinates and normals come back, every index is there.
+void CheckSequence(const std::vector<OzmEncode::Mesh>& frames, const OzmEncode::SequenceOptions& options) {
+  OzmEncode::SequenceEncoder encoder(options);
+  const int count = static_cast<int>(frames.size());
+  std::vector<OzmEncode::EncodedFrame> encoded(frames.size());
+  for (int t = 0; t < count; ++t) {
+    ASSERT_TRUE(encoder.Encode(frames[t], static_cast<uint32_t>(t + 1), &encoded[t])) << "frame " << t;
+    EXPECT_EQ(encoded[t].keyFrame, t % options.keyFrameInterval == 0) << t;
+    ASSERT_LE(encoded[t].maxError, encoded[t].step * 0.5 + 1e-5) << "frame " << t;
+  }
+  const bool temporal = options.temporalSubMeshes;
+  for (unsigned flags : {0x00u, 0x02u, 0x08u, 0x0Au}) {
+    SCOPED_TRACE(::testing::Message() << "reader flags " << flags);
+    OZMCORE::CComPtr<OzmCrossPlatform::BufferAllocator> allocator(new OzmCrossPlatform::BufferAllocator);
+    Ozm::COzmMeshReader reader;
+    reader.Initialize(allocator, flags);
+    for (int t = 0; t < count; ++t) {
+      const OzmEncode::EncodedFrame& e = encoded[t];
+      OZMCORE::CComPtr<IOzmBuffer> vb, ib;
+      ASSERT_EQ(reader.ReadMesh(MeshTest::StreamOver(e.payload), t * 333333, &vb, &ib), S_OK) << t;
+      const Decoded d = Unpack(vb, flags);
+      ASSERT_EQ(d.positions.size(), 3 * e.sourceVertex.size()) << t;
+      const OzmEncode::Mesh& src = frames[t];
+      const OzmEncode::Box box = OzmEncode::BoundsOf(src.positions);
+      double boxStep = 0;
+      for (int a = 0; a < 3; ++a) boxStep = std::max<double>(boxStep, (box.max[a] - box.min[a]) / 65535.0);
+      // 16-bit output is requantised into a frame's box (twice for merged sub-meshes), by truncation.
+      const double tolerance = e.step * 0.5 + 1e-5 + (flags & 0x08 ? 0 : (temporal ? 3 : 2) * boxStep);
+      double worst = 0;
+      const bool normalsKept = options.normals && d.hasNormals && !temporal &&
+                               (e.keyFrame || options.inter != InterCoding::TransformDelta);
+      for (size_t k = 0; k < e.sourceVertex.size(); ++k) {
+        const uint32_t v = e.sourceVertex[k];
+        for (int a = 0; a < 3; ++a) {
+          worst = std::max<double>(worst, std::fabs(d.positions[3 * k + a] - src.positions[3 * v + a]));
+        }
+        for (int a = 0; a < 2; ++a) ASSERT_NEAR(d.uvs[2 * k + a], src.uvs[2 * v + a], 5e-4) << t << " " << k;
+        if (normalsKept) {
+          for (int a = 0; a < 3; ++a) ASSERT_NEAR(d.normals[3 * k + a], src.normals[3 * v + a], 1e-4) << t;
+        }
+      }
+      ASSERT_LE(worst, tolerance) << "frame " << t;
+      ASSERT_EQ(MeshTest::Indices(ib).size(), 3 * src.faces.size());
+    }
+  }
+}
 
+std::string Describe(const OzmEncode::SequenceOptions& o) {
+  return "coding " + std::to_string(static_cast<int>(o.inter)) + (o.normals ? ", normals" : "") +
+         (o.temporalSubMeshes ? ", temporal" : "");
+}
+
+// Every inter coding, with and without normals, as plain and as temporal meshes.
+TEST(Sequence, EveryCodingRoundTripsIntoEveryLayoutWithinTheQuantisationStep) {
+  std::vector<OzmEncode::Mesh> frames;
+  for (int t = 0; t < 45; ++t) frames.push_back(AnimatedFrame(t));
   for (InterCoding coding : {InterCoding::ByteDelta, InterCoding::Golomb, InterCoding::Huffman,
                              InterCoding::TransformDelta}) {
     for (bool normals : {false, true}) {
@@ -105,51 +158,75 @@ TEST(Sequence, EveryCodingRoundTripsIntoEveryLayoutWithinTheQuantisationStep) {
         options.temporalSubMeshes = temporal;
         options.keyFrameInterval = 20;
         options.indexVersion = temporal ? 3 : 4;
-        OzmEncode::SequenceEncoder encoder(options);
-        std::vector<OzmEncode::EncodedFrame> encoded(kFrames);
-        for (int t = 0; t < kFrames; ++t) {
-          ASSERT_TRUE(encoder.Encode(frames[t], static_cast<uint32_t>(t + 1), &encoded[t]))
-              << "coding " << int(coding) << " frame " << t;
-          EXPECT_EQ(encoded[t].keyFrame, t % 20 == 0);
-          EXPECT_LE(encoded[t].maxError, encoded[t].step * 0.5 + 1e-5) << "coding " << int(coding) << " frame " << t;
-        }
-
-        for (unsigned flags : {0x00u, 0x02u, 0x08u, 0x0Au}) {
-          SCOPED_TRACE(::testing::Message() << "coding " << int(coding) << ", normals " << normals << ", temporal "
-                                            << temporal << ", reader flags " << flags);
-          OZMCORE::CComPtr<OzmCrossPlatform::BufferAllocator> allocator(new OzmCrossPlatform::BufferAllocator);
-          Ozm::COzmMeshReader reader;
-          reader.Initialize(allocator, flags);
-          for (int t = 0; t < kFrames; ++t) {
-            const OzmEncode::EncodedFrame& e = encoded[t];
-            OZMCORE::CComPtr<IOzmBuffer> vb, ib;
-            ASSERT_EQ(reader.ReadMesh(MeshTest::StreamOver(e.payload), t * 333333, &vb, &ib), S_OK) << t;
-            const Decoded d = Unpack(vb, flags);
-            ASSERT_EQ(d.positions.size(), 3 * e.sourceVertex.size()) << t;
-            const OzmEncode::Mesh& src = frames[t];
-            const OzmEncode::Box box = OzmEncode::BoundsOf(src.positions);
-            double boxStep = 0;
-            for (int a = 0; a < 3; ++a) boxStep = std::max<double>(boxStep, (box.max[a] - box.min[a]) / 65535.0);
-            // 16-bit output is requantised into a frame's box (twice for merged sub-meshes), by truncation.
-            const double tolerance = e.step * 0.5 + 1e-5 + (flags & 0x08 ? 0 : (temporal ? 3 : 2) * boxStep);
-            double worst = 0;
-            for (size_t k = 0; k < e.sourceVertex.size(); ++k) {
-              const uint32_t v = e.sourceVertex[k];
-              for (int a = 0; a < 3; ++a) worst = std::max<double>(worst, std::fabs(d.positions[3 * k + a] - src.positions[3 * v + a]));
-              for (int a = 0; a < 2; ++a) ASSERT_NEAR(d.uvs[2 * k + a], src.uvs[2 * v + a], 5e-4) << t << " " << k;
-              const bool normalsKept = normals && d.hasNormals && (e.keyFrame || coding != InterCoding::TransformDelta);
-              if (normalsKept && !temporal) {
-                for (int a = 0; a < 3; ++a) ASSERT_NEAR(d.normals[3 * k + a], src.normals[3 * v + a], 1e-4) << t;
-              }
-            }
-            EXPECT_LE(worst, tolerance) << "frame " << t;
-            const std::vector<uint32_t> indices = MeshTest::Indices(ib);
-            ASSERT_EQ(indices.size(), 3 * src.faces.size());
-          }
-        }
+        SCOPED_TRACE(Describe(options));
+        CheckSequence(frames, options);
       }
     }
   }
+}
+
+// The deforming bunny of the test data, 300 frames: texture coordinates by a spherical projection,
+// normals from the triangles of each frame.
+std::vector<OzmEncode::Mesh> BunnyFrames() {
+  TestMeshFiles::Animation anim;
+  if (!TestMeshFiles::ReadAnimation(TestMeshFiles::Folder() + "/bunny-anim.anim", &anim)) return {};
+  std::vector<OzmEncode::Mesh> frames(anim.frames.size());
+  for (size_t f = 0; f < anim.frames.size(); ++f) {
+    OzmEncode::Mesh& m = frames[f];
+    for (size_t v = 0; v < anim.vertexCount; ++v) {
+      const std::array<float, 3> p = anim.Position(f, v);
+      m.positions.insert(m.positions.end(), p.begin(), p.end());
+      const std::array<float, 3> p0 = anim.Position(0, v);  // texture fixed to the surface
+      const float cx = p0[0] - 0.5f * (anim.boxMin[0] + anim.boxMax[0]);
+      const float cy = p0[1] - 0.5f * (anim.boxMin[1] + anim.boxMax[1]);
+      const float cz = p0[2] - 0.5f * (anim.boxMin[2] + anim.boxMax[2]);
+      const float r = std::sqrt(cx * cx + cy * cy + cz * cz) + 1e-9f;
+      m.uvs.push_back(0.5f + std::atan2(cz, cx) / (2 * 3.14159265f));
+      m.uvs.push_back(std::acos(std::max(-1.0f, std::min(1.0f, cy / r))) / 3.14159265f);
+    }
+    for (const auto& face : anim.faces) m.faces.push_back({{face[0], face[1], face[2]}});
+    m.normals.assign(m.positions.size(), 0.0f);
+    for (const WelmMeshFace& face : m.faces) {
+      const float* a = &m.positions[3 * face.v[0]];
+      const float* b = &m.positions[3 * face.v[1]];
+      const float* c = &m.positions[3 * face.v[2]];
+      const float e1[3] = {b[0] - a[0], b[1] - a[1], b[2] - a[2]}, e2[3] = {c[0] - a[0], c[1] - a[1], c[2] - a[2]};
+      const float n[3] = {e1[1] * e2[2] - e1[2] * e2[1], e1[2] * e2[0] - e1[0] * e2[2], e1[0] * e2[1] - e1[1] * e2[0]};
+      for (uint32_t v : face.v) {
+        for (int k = 0; k < 3; ++k) m.normals[3 * v + k] += n[k];
+      }
+    }
+    for (size_t v = 0; v < anim.vertexCount; ++v) {
+      float* n = &m.normals[3 * v];
+      const float len = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
+      for (int k = 0; k < 3; ++k) n[k] = len > 0 ? n[k] / len : (k == 2 ? 1.0f : 0.0f);
+    }
+  }
+  return frames;
+}
+
+TEST(Sequence, DeformingBunnyRoundTripsInEveryCodingAndLayout) {
+  const std::vector<OzmEncode::Mesh> frames = BunnyFrames();
+  if (frames.empty()) {
+    if (TestMeshFiles::MissingDataAllowed()) GTEST_SKIP() << "no test data in " << TestMeshFiles::Folder();
+    FAIL() << "no test data in " << TestMeshFiles::Folder() << ": run scripts/test-data.sh";
+  }
+  ASSERT_EQ(frames.size(), 300u);
+  for (InterCoding coding : {InterCoding::ByteDelta, InterCoding::Golomb, InterCoding::Huffman,
+                             InterCoding::TransformDelta}) {
+    for (bool normals : {false, true}) {
+      OzmEncode::SequenceOptions options;
+      options.inter = coding;
+      options.normals = normals;
+      options.keyFrameInterval = 30;
+      SCOPED_TRACE(Describe(options));
+      CheckSequence(frames, options);
+    }
+  }
+  OzmEncode::SequenceOptions temporal;
+  temporal.temporalSubMeshes = true;
+  SCOPED_TRACE(Describe(temporal));
+  CheckSequence(frames, temporal);
 }
 
 TEST(Sequence, TopologyChangesForceAKeyFrame) {
