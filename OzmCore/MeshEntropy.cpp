@@ -11,20 +11,6 @@
 namespace Ozm {
 namespace {
 
-// The six floats of the per-axis delta range, each checked for a full read.
-HRESULT ReadDeltaRange(IStream* stream, float range[6]) {
-  static const char* const kChecks[6] = {"bytesRead == sizeof(minx)", "bytesRead == sizeof(miny)",
-                                         "bytesRead == sizeof(minz)", "bytesRead == sizeof(maxx)",
-                                         "bytesRead == sizeof(maxy)", "SUCCEEDED(hr) && bytesRead == sizeof(maxz)"};
-  for (int k = 0; k < 6; ++k) {
-    bool complete = false;
-    const HRESULT hr = ReadValue(stream, &range[k], &complete);
-    OZM_ASSERT_MSG(complete, kChecks[k]);
-    if (OZM_FAILED(hr)) return hr;
-  }
-  return S_OK;
-}
-
 // Reads ceil(numBits / 32) little-endian words. Missing words read as zero; a bit count beyond what
 // any frame can hold is refused before anything is allocated.
 HRESULT ReadWords(IStream* stream, uint32_t numBits, std::vector<uint32_t>& words) {

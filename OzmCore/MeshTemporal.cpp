@@ -1,6 +1,7 @@
 // Inter frames: the byte-delta stage shared by the temporal codings, and plain byte-delta frames.
 #include <algorithm>
 #include <array>
+#include <type_traits>
 #include <cstring>
 #include <vector>
 
@@ -85,6 +86,18 @@ void DecodeVertices(uint32_t n, const uint8_t* deltas, const AxisTable* axes, co
   }
 }
 
+// Calls f with the layout of the reader flags as a compile-time constant, so the per-vertex loops
+// are specialised for each layout.
+template <typename F>
+auto WithLayout(unsigned flags, F&& f) {
+  switch (LayoutOf(flags)) {
+    case Layout::Short12: return f(std::integral_constant<Layout, Layout::Short12>{});
+    case Layout::Short20: return f(std::integral_constant<Layout, Layout::Short20>{});
+    case Layout::Float20: return f(std::integral_constant<Layout, Layout::Float20>{});
+    default: return f(std::integral_constant<Layout, Layout::Float32>{});
+  }
+}
+
 template <Layout L>
 void DecodeVerticesFor(bool linear, uint32_t n, const uint8_t* deltas, const AxisTable* axes, const __vector4* prev,
                        __vector4* older, const SKeyVertex* keys, const float* lo, const float* hi, uint8_t* out) {
@@ -139,12 +152,9 @@ HRESULT COzmMeshReader::DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMes
   const float* lo = header->m_bboxMin;
   const float* hi = header->m_bboxMax;
   uint8_t* dst = locked.pData;
-  switch (LayoutOf(m_flags)) {
-    case Layout::Short12: DecodeVerticesFor<Layout::Short12>(hasOlder, n, deltas, axes, prev, older->data(), keys, lo, hi, dst); break;
-    case Layout::Short20: DecodeVerticesFor<Layout::Short20>(hasOlder, n, deltas, axes, prev, older->data(), keys, lo, hi, dst); break;
-    case Layout::Float20: DecodeVerticesFor<Layout::Float20>(hasOlder, n, deltas, axes, prev, older->data(), keys, lo, hi, dst); break;
-    case Layout::Float32: DecodeVerticesFor<Layout::Float32>(hasOlder, n, deltas, axes, prev, older->data(), keys, lo, hi, dst); break;
-  }
+  WithLayout(m_flags, [&](auto layout) {
+    DecodeVerticesFor<decltype(layout)::value>(hasOlder, n, deltas, axes, prev, older->data(), keys, lo, hi, dst);
+  });
 
   std::swap(ctx->m_pPrevMesh, ctx->m_pOlderMesh);
   buffer->UnlockBuffer();
@@ -156,22 +166,15 @@ HRESULT COzmMeshReader::ReadCompressedVertices(COzmMeshReaderCtx* ctx, IStream* 
                                                IOzmBuffer** out) {
   if (!OZM_ASSERT_MSG(out != nullptr, "ppBuffer") || !ctx || !stream || !header) return E_POINTER;
   float range[6];
-  static const char* const kRangeChecks[6] = {"bytesRead == sizeof(minx)", "bytesRead == sizeof(miny)",
-                                              "bytesRead == sizeof(minz)", "bytesRead == sizeof(maxx)",
-                                              "bytesRead == sizeof(maxy)", "SUCCEEDED(hr) && bytesRead == sizeof(maxz)"};
-  for (int k = 0; k < 6; ++k) {
-    bool complete = false;
-    const HRESULT hr = ReadValue(stream, &range[k], &complete);
-    OZM_ASSERT_MSG(complete, kRangeChecks[k]);
-    if (OZM_FAILED(hr)) return hr;
-  }
+  HRESULT hr = ReadDeltaRange(stream, range);
+  if (OZM_FAILED(hr)) return hr;
   const uint32_t n = header->m_numVertices;
   if (n > c_MaxMeshElements) {
     OZM_LOGE("ReadCompressedVertices: %u vertices is beyond any mesh", n);
     return E_UNEXPECTED;
   }
   std::vector<uint8_t> deltas;
-  HRESULT hr = ReadBlock(stream, 3ull * n, deltas);
+  hr = ReadBlock(stream, 3ull * n, deltas);
   if (OZM_FAILED(hr)) return hr;
   OZM_ASSERT_MSG(deltas.size() == 3ull * n, "numBytes == bytesRead");
   hr = DecodeDeltas(ctx, header, deltas.data(), static_cast<uint32_t>(deltas.size()), range[0], range[1], range[2],
@@ -323,12 +326,10 @@ HRESULT COzmMeshReader::ReadTransformDeltaVertices(COzmMeshReaderCtx* ctx, IStre
   const SKeyVertex* keys = ctx->m_pKeyVertices.data();
   const float* lo = header->m_bboxMin;
   const float* hi = header->m_bboxMax;
-  switch (LayoutOf(m_flags)) {
-    case Layout::Short12: hr = DecodeTransformDeltas<Layout::Short12>(bits, n, transformOf, transforms, rigidMask, table, decoder, prev, keys, lo, hi, locked.pData); break;
-    case Layout::Short20: hr = DecodeTransformDeltas<Layout::Short20>(bits, n, transformOf, transforms, rigidMask, table, decoder, prev, keys, lo, hi, locked.pData); break;
-    case Layout::Float20: hr = DecodeTransformDeltas<Layout::Float20>(bits, n, transformOf, transforms, rigidMask, table, decoder, prev, keys, lo, hi, locked.pData); break;
-    case Layout::Float32: hr = DecodeTransformDeltas<Layout::Float32>(bits, n, transformOf, transforms, rigidMask, table, decoder, prev, keys, lo, hi, locked.pData); break;
-  }
+  hr = WithLayout(m_flags, [&](auto layout) {
+    return DecodeTransformDeltas<decltype(layout)::value>(bits, n, transformOf, transforms, rigidMask, table, decoder,
+                                                          prev, keys, lo, hi, locked.pData);
+  });
   if (OZM_SUCCEEDED(hr) && bits.Exhausted()) {
     OZM_LOGE("ReadTransformDeltaVertices: the block ends before its %u vertices", n);
     hr = OZM_FAILED(streamResult) ? streamResult : E_FAIL;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "OzmCore/OzmMediaObjects.h"
+#include "platform/Log.h"
 
 namespace Ozm {
 
@@ -43,6 +44,21 @@ inline HRESULT ReadBlock(IStream* stream, uint64_t size, std::vector<uint8_t>& o
     out.resize(at + got);
     if (OZM_FAILED(hr)) return hr;
     if (got < want) break;
+  }
+  return S_OK;
+}
+
+// The per-axis delta range in front of every byte-delta block: minx, miny, minz, maxx, maxy, maxz.
+// Short reads are only logged (the missing bytes read as zero); a failing stream is returned.
+inline HRESULT ReadDeltaRange(IStream* stream, float range[6]) {
+  static const char* const kChecks[6] = {"bytesRead == sizeof(minx)", "bytesRead == sizeof(miny)",
+                                         "bytesRead == sizeof(minz)", "bytesRead == sizeof(maxx)",
+                                         "bytesRead == sizeof(maxy)", "SUCCEEDED(hr) && bytesRead == sizeof(maxz)"};
+  for (int k = 0; k < 6; ++k) {
+    bool complete = false;
+    const HRESULT hr = ReadValue(stream, &range[k], &complete);
+    OZM_ASSERT_MSG(complete, kChecks[k]);
+    if (OZM_FAILED(hr)) return hr;
   }
   return S_OK;
 }

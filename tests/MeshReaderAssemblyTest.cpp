@@ -20,13 +20,7 @@ using MeshTest::StreamOver;
 
 namespace {
 
-struct Reader {
-  explicit Reader(unsigned flags) {
-    OZMCORE::CComPtr<OzmCrossPlatform::BufferAllocator> allocator(new OzmCrossPlatform::BufferAllocator);
-    reader.Initialize(allocator, flags);
-  }
-  Ozm::COzmMeshReader reader;
-};
+using MeshTest::Reader;
 
 struct Mesh {
   HRESULT hr;

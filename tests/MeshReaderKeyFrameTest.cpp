@@ -21,13 +21,7 @@ using MeshTest::StreamOver;
 
 namespace {
 
-struct Reader {
-  explicit Reader(unsigned flags) {
-    OZMCORE::CComPtr<OzmCrossPlatform::BufferAllocator> allocator(new OzmCrossPlatform::BufferAllocator);
-    reader.Initialize(allocator, flags);
-  }
-  Ozm::COzmMeshReader reader;
-};
+using MeshTest::Reader;
 
 // A key-frame header with the given index coding and counts, followed by a hand-made index block.
 Bytes IndexFrame(uint8_t flags, uint8_t indexVersion, uint32_t vertices, uint32_t faces, uint32_t indices,

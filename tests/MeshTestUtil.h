@@ -43,6 +43,15 @@ inline OzmEncode::Mesh Grid(int w, int h, uint32_t seed = 1) {
   return m;
 }
 
+// A reader with its own allocator, producing the given output layout.
+struct Reader {
+  explicit Reader(unsigned flags) {
+    OZMCORE::CComPtr<OzmCrossPlatform::BufferAllocator> allocator(new OzmCrossPlatform::BufferAllocator);
+    reader.Initialize(allocator, flags);
+  }
+  Ozm::COzmMeshReader reader;
+};
+
 inline OZMCORE::CComPtr<OzmCrossPlatform::Stream> StreamOver(const std::vector<uint8_t>& bytes) {
   std::unique_ptr<uint8_t[]> data(new uint8_t[bytes.size() + 1]);
   if (!bytes.empty()) std::memcpy(data.get(), bytes.data(), bytes.size());
