@@ -10,8 +10,13 @@ packages=(
   libclang-rt-14-dev
   # tests and benchmarks
   googletest libgtest-dev libgmock-dev libbenchmark-dev
+  # the codecs the benchmarks compare against
+  libdraco-dev libmeshoptimizer-dev
   # the ozm tool
-  libcli11-dev nlohmann-json3-dev
+  libcli11-dev nlohmann-json3-dev libassimp-dev libpng-dev
+  libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
+  # the ffmpeg command line and jq, which the tool tests check files and reports with
+  ffmpeg jq
 )
 
 missing=()
