@@ -33,29 +33,50 @@ struct AxisTable {
   }
 };
 
+inline void StoreFloat(uint8_t* p, float f) { std::memcpy(p, &f, 4); }
+inline void StoreShort(uint8_t* p, int16_t v) { std::memcpy(p, &v, 2); }
+
 // Writes output vertex i from a position already clamped to the box and the key frame's texture
-// coordinates, in the reader's layout.
+// coordinates (uvs: the float pairs of all vertices, for float layouts), in the reader's layout. Fields are
+// stored straight into the output, which keeps the loop free of stack round trips.
 template <Layout L>
-inline void WriteVertex(uint8_t* out, uint32_t i, const float* c, const SKeyVertex& key, const float* lo,
-                        const float* hi) {
+inline void WriteVertex(uint8_t* out, uint32_t i, const float* c, const SKeyVertex& key, const float* uvs,
+                        const float* lo, const float* hi) {
   if (L == Layout::Float20 || L == Layout::Float32) {
-    constexpr size_t kFloats = L == Layout::Float32 ? 8 : 5;
-    float v[kFloats];
-    v[0] = c[0];
-    v[1] = c[1];
-    v[2] = c[2];
-    if (L == Layout::Float32) v[3] = v[4] = v[5] = 0.0f;
-    v[kFloats - 2] = DequantizeTexCoord(key.u);
-    v[kFloats - 1] = DequantizeTexCoord(key.v);
-    std::memcpy(out + static_cast<size_t>(i) * sizeof(v), v, sizeof(v));
+    constexpr size_t kStride = L == Layout::Float32 ? 32 : 20;
+    uint8_t* v = out + static_cast<size_t>(i) * kStride;
+    StoreFloat(v, c[0]);
+    StoreFloat(v + 4, c[1]);
+    StoreFloat(v + 8, c[2]);
+    if (L == Layout::Float32) {
+      StoreFloat(v + 12, 0.0f);
+      StoreFloat(v + 16, 0.0f);
+      StoreFloat(v + 20, 0.0f);
+    }
+    StoreFloat(v + kStride - 8, uvs[2 * static_cast<size_t>(i)]);
+    StoreFloat(v + kStride - 4, uvs[2 * static_cast<size_t>(i) + 1]);
   } else {
-    constexpr size_t kWords = L == Layout::Short20 ? 10 : 6;
-    int16_t v[kWords] = {};
-    for (int a = 0; a < 3; ++a) v[a] = RequantizePosition(c[a], lo[a], hi[a]);
-    v[kWords - 2] = key.u;
-    v[kWords - 1] = key.v;
-    std::memcpy(out + static_cast<size_t>(i) * sizeof(v), v, sizeof(v));
+    constexpr size_t kStride = L == Layout::Short20 ? 20 : 12;
+    uint8_t* v = out + static_cast<size_t>(i) * kStride;
+    for (int a = 0; a < 3; ++a) StoreShort(v + 2 * a, RequantizePosition(c[a], lo[a], hi[a]));
+    StoreShort(v + 6, 0);
+    if (L == Layout::Short20) std::memset(v + 8, 0, 8);
+    StoreShort(v + kStride - 4, key.u);
+    StoreShort(v + kStride - 2, key.v);
   }
+}
+
+// The key vertices' texture coordinates as floats, computed once per key frame.
+const float* KeyTexCoords(COzmMeshReaderCtx* ctx) {
+  const size_t n = ctx->m_pKeyVertices.size();
+  if (ctx->m_keyTexCoords.size() != 2 * n) {
+    ctx->m_keyTexCoords.resize(2 * n);
+    for (size_t i = 0; i < n; ++i) {
+      ctx->m_keyTexCoords[2 * i] = DequantizeTexCoord(ctx->m_pKeyVertices[i].u);
+      ctx->m_keyTexCoords[2 * i + 1] = DequantizeTexCoord(ctx->m_pKeyVertices[i].v);
+    }
+  }
+  return ctx->m_keyTexCoords.data();
 }
 
 inline void Clamp(const float* p, const float* lo, const float* hi, float* c) {
@@ -64,7 +85,8 @@ inline void Clamp(const float* p, const float* lo, const float* hi, float* c) {
 
 template <Layout L, bool kPredictLinear>
 void DecodeVertices(uint32_t n, const uint8_t* deltas, const AxisTable* axes, const __vector4* prev,
-                    __vector4* older, const SKeyVertex* keys, const float* lo, const float* hi, uint8_t* out) {
+                    __vector4* older, const SKeyVertex* keys, const float* uvs, const float* lo, const float* hi,
+                    uint8_t* out) {
   for (uint32_t i = 0; i < n; ++i) {
     const __vector4& p = prev[i];
     float q[3] = {p.x, p.y, p.z};
@@ -82,7 +104,7 @@ void DecodeVertices(uint32_t n, const uint8_t* deltas, const AxisTable* axes, co
     older[i].z = x[2];
     float c[3];
     Clamp(x, lo, hi, c);
-    WriteVertex<L>(out, i, c, keys[i], lo, hi);
+    WriteVertex<L>(out, i, c, keys[i], uvs, lo, hi);
   }
 }
 
@@ -100,11 +122,12 @@ auto WithLayout(unsigned flags, F&& f) {
 
 template <Layout L>
 void DecodeVerticesFor(bool linear, uint32_t n, const uint8_t* deltas, const AxisTable* axes, const __vector4* prev,
-                       __vector4* older, const SKeyVertex* keys, const float* lo, const float* hi, uint8_t* out) {
+                       __vector4* older, const SKeyVertex* keys, const float* uvs, const float* lo, const float* hi,
+                       uint8_t* out) {
   if (linear) {
-    DecodeVertices<L, true>(n, deltas, axes, prev, older, keys, lo, hi, out);
+    DecodeVertices<L, true>(n, deltas, axes, prev, older, keys, uvs, lo, hi, out);
   } else {
-    DecodeVertices<L, false>(n, deltas, axes, prev, older, keys, lo, hi, out);
+    DecodeVertices<L, false>(n, deltas, axes, prev, older, keys, uvs, lo, hi, out);
   }
 }
 
@@ -152,8 +175,9 @@ HRESULT COzmMeshReader::DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMes
   const float* lo = header->m_bboxMin;
   const float* hi = header->m_bboxMax;
   uint8_t* dst = locked.pData;
+  const float* uvs = (m_flags & NReaderFlags::c_FloatVertices) ? KeyTexCoords(ctx) : nullptr;
   WithLayout(m_flags, [&](auto layout) {
-    DecodeVerticesFor<decltype(layout)::value>(hasOlder, n, deltas, axes, prev, older->data(), keys, lo, hi, dst);
+    DecodeVerticesFor<decltype(layout)::value>(hasOlder, n, deltas, axes, prev, older->data(), keys, uvs, lo, hi, dst);
   });
 
   std::swap(ctx->m_pPrevMesh, ctx->m_pOlderMesh);
@@ -223,8 +247,8 @@ template <Layout L>
 HRESULT DecodeTransformDeltas(StreamBitReader& bits, uint32_t n, const std::vector<uint8_t>& transformOf,
                               const std::vector<Matrix>& transforms, uint32_t rigidMask,
                               const std::vector<std::array<float, 3>>& table, const HuffmanDecoder& decoder,
-                              __vector4* prev, const SKeyVertex* keys, const float* lo, const float* hi,
-                              uint8_t* out) {
+                              __vector4* prev, const SKeyVertex* keys, const float* uvs, const float* lo,
+                              const float* hi, uint8_t* out) {
   const uint32_t numDeltas = static_cast<uint32_t>(table.size());
   for (uint32_t i = 0; i < n; ++i) {
     const uint32_t t = transformOf[i];
@@ -257,7 +281,7 @@ HRESULT DecodeTransformDeltas(StreamBitReader& bits, uint32_t n, const std::vect
     }
     float c[3];
     Clamp(x, lo, hi, c);
-    WriteVertex<L>(out, i, c, keys[i], lo, hi);
+    WriteVertex<L>(out, i, c, keys[i], uvs, lo, hi);
     // The history is updated in place, unclamped.
     p.x = x[0];
     p.y = x[1];
@@ -326,9 +350,10 @@ HRESULT COzmMeshReader::ReadTransformDeltaVertices(COzmMeshReaderCtx* ctx, IStre
   const SKeyVertex* keys = ctx->m_pKeyVertices.data();
   const float* lo = header->m_bboxMin;
   const float* hi = header->m_bboxMax;
+  const float* uvs = (m_flags & NReaderFlags::c_FloatVertices) ? KeyTexCoords(ctx) : nullptr;
   hr = WithLayout(m_flags, [&](auto layout) {
     return DecodeTransformDeltas<decltype(layout)::value>(bits, n, transformOf, transforms, rigidMask, table, decoder,
-                                                          prev, keys, lo, hi, locked.pData);
+                                                          prev, keys, uvs, lo, hi, locked.pData);
   });
   if (OZM_SUCCEEDED(hr) && bits.Exhausted()) {
     OZM_LOGE("ReadTransformDeltaVertices: the block ends before its %u vertices", n);

@@ -64,6 +64,7 @@ HRESULT COzmMeshReader::ReadVertices(COzmMeshReaderCtx* ctx, IStream* stream, CS
   if (direct && n) std::memcpy(dst, records.data(), records.size());
 
   ctx->m_pKeyVertices.resize(n);
+  ctx->m_keyTexCoords.clear();
   ctx->m_keyMesh.resize(n);
   ctx->m_workMesh.resize(n);
   ctx->m_pPrevMesh = &ctx->m_keyMesh;
@@ -82,24 +83,23 @@ HRESULT COzmMeshReader::ReadVertices(COzmMeshReaderCtx* ctx, IStream* stream, CS
     uint8_t* v = dst + static_cast<size_t>(i) * stride;
 
     if (floats) {
-      float f[8];
-      size_t k = 0;
-      f[k++] = p[0];
-      f[k++] = p[1];
-      f[k++] = p[2];
+      // Fields go straight into the output: position, the normal when the layout has one, u, v.
+      auto store = [v](size_t offset, float f) { std::memcpy(v + offset, &f, 4); };
+      store(0, p[0]);
+      store(4, p[1]);
+      store(8, p[2]);
       if (withNormal) {
         for (int a = 0; a < 3; ++a) {
           // 12-byte records carry no normal: a fixed placeholder marks it.
-          f[k++] = recordHasNormal ? 2.0f * (U16(r + 8 + 2 * a) / 65535.0f) - 1.0f : -1.0f;
+          store(12 + 4 * a, recordHasNormal ? 2.0f * (U16(r + 8 + 2 * a) / 65535.0f) - 1.0f : -1.0f);
         }
       }
       const float u = DequantizeTexCoord(s), w = DequantizeTexCoord(t);
-      f[k++] = u;
-      f[k++] = w;
-      std::memcpy(v, f, k * sizeof(float));
-      // Only u and v of the key records are used later; positions keep the x range on every axis.
-      key = {RequantizePosition(p[0], lo[0], hi[0]), RequantizePosition(p[1], lo[0], hi[0]),
-             RequantizePosition(p[2], lo[0], hi[0]), 0, RequantizeTexCoord(u), RequantizeTexCoord(w)};
+      store(stride - 8, u);
+      store(stride - 4, w);
+      // Inter frames read only u and v of the key records, requantised from the floats; the
+      // positions of the records are never read in float output and are left zero.
+      key = {0, 0, 0, 0, RequantizeTexCoord(u), RequantizeTexCoord(w)};
     } else {
       key = {q[0], q[1], q[2], 0, s, t};
       if (!direct) {

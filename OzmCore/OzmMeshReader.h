@@ -56,6 +56,9 @@ struct COzmMeshReaderCtx {
   std::vector<__vector4> m_keyMesh;
   std::vector<__vector4> m_workMesh;
   std::vector<SKeyVertex> m_pKeyVertices;
+  // The key vertices' texture coordinates as floats (u, v per vertex), made on first use by an inter
+  // frame with float output; cleared whenever a key frame reseeds the history.
+  std::vector<float> m_keyTexCoords;
 };
 
 class COzmMeshReader {
