@@ -236,7 +236,10 @@ struct SequenceEncoder::State {
         d.max[a] = std::max(d.max[a], r);
       }
     }
-    if (n == 0) std::fill(d.min, d.min + 3, 0.0f), std::fill(d.max, d.max + 3, 0.0f);
+    if (n == 0) {
+      std::fill(d.min, d.min + 3, 0.0f);
+      std::fill(d.max, d.max + 3, 0.0f);
+    }
     d.bytes.resize(3 * n);
     for (int a = 0; a < 3; ++a) {
       // The decoder adds (b / 255) * (max - min) + min in float32: pick the byte whose sum is nearest.
@@ -251,7 +254,10 @@ struct SequenceEncoder::State {
         for (int c : {b - 1, b + 1}) {
           if (c < 0 || c > 255) continue;
           const float e = std::fabs(prediction[i][a] + offset[c] - targets[i][a]);
-          if (e < best) best = e, b = c;
+          if (e < best) {
+            best = e;
+            b = c;
+          }
         }
         d.bytes[3 * i + a] = static_cast<uint8_t>(b);
       }
