@@ -1,25 +1,45 @@
 #!/usr/bin/env bash
-# Sets everything up, builds the host tools and shows the mesh container at work on real bytes:
-# a generated mesh payload is wrapped into a mesh NAL unit inside a video access unit, found again
-# by the same code the plug-in runs on every sample, and its header is parsed and printed.
+# Sets everything up, builds the host tools and makes a real volumetric clip: the built-in animated
+# sample (the Loop-subdivided bunny twisting and breathing for 300 frames, with a texture that
+# shows each frame's number) is encoded to an MP4 whose every access unit carries its mesh, checked
+# with FFmpeg, inspected the way the player reads it, and three frames are exported as glTF with
+# their decoded pictures.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
 cmake --preset host >/dev/null
+scripts/test-data.sh build/host
 cmake --build --preset host --target ozm OzmUnityPlugin -j "$(nproc 2>/dev/null || echo 2)"
 
 out=build/demo
 mkdir -p "$out"
+rm -rf "$out/frames"
 ozm=build/host/tools/ozm
+clip=$out/bunny.mp4
+
 echo
-echo "== Wrapping a key-frame mesh payload (frame 42, sub-mesh 3) into an access unit"
-"$ozm" unit make --out "$out/access-unit.bin" --vertices 2500 --faces 4800 --frame-id 42 --submesh-id 3 \
-  --payload-bytes 65536
+echo "== Encoding the built-in sample: 300 frames at 30 fps, H.264 texture, EdgeBreaker key frames, Huffman inter frames"
+"$ozm" encode --sample --out "$clip"
+
 echo
-echo "== Finding the mesh unit again and reading its header"
-"$ozm" unit read "$out/access-unit.bin"
+echo "== FFmpeg decodes it as ordinary video (its error log follows between the lines)"
+echo "----"
+ffmpeg -nostdin -v error -i "$clip" -f null -
+echo "----"
+
+echo
+echo "== Inspecting it as the player reads it (first frames of the table)"
+"$ozm" inspect "$clip" --frames 0:4
+
+echo
+echo "== Exporting frames 148 to 150 as glTF with their pictures"
+"$ozm" export "$clip" --frames 148:150 --format gltf --out "$out/frames"
+
 echo
 echo "Made:"
-echo "  $out/access-unit.bin          an H.264 access unit (delimiter + mesh NAL unit)"
+echo "  $clip                      the volumetric clip ($(stat -c %s "$clip") bytes)"
+echo "  $out/frames/frame_000148.gltf ... frame_000150.gltf  meshes (open in any glTF viewer)"
+echo "  $out/frames/frame_000148.png  ... frame_000150.png   their decoded pictures"
 echo "  build/host/plugin/libOzmUnityPlugin.so   the host build of the plug-in"
-echo "  build/host/tools/ozm          the authoring and inspection tool"
+echo "  build/host/tools/ozm          the authoring and inspection tool (ozm --help)"
+echo "HLS output (transport-stream segments and a playlist) comes in a later step."

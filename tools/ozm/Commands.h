@@ -1,4 +1,5 @@
-// Subcommands of the ozm tool. Each registers itself on the parser and returns the exit code.
+// Subcommands of the ozm tool. Each registers itself on the parser and sets *run to its action,
+// which returns the exit code.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -6,7 +7,9 @@
 
 namespace OzmTool {
 
-// Registers the "unit" subcommands; *run is set to the action of the chosen one.
 void AddUnitCommands(CLI::App& app, std::function<int()>* run);
+void AddEncodeCommand(CLI::App& app, std::function<int()>* run);
+void AddInspectCommand(CLI::App& app, std::function<int()>* run);
+void AddExportCommand(CLI::App& app, std::function<int()>* run);
 
 }  // namespace OzmTool

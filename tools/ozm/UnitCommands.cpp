@@ -14,6 +14,7 @@
 #include "OzmCore/encode/HeaderWriter.h"
 #include "OzmCore/encode/MeshNalWriter.h"
 #include "tools/ozm/Commands.h"
+#include "tools/ozm/MeshNames.h"
 
 namespace OzmTool {
 namespace {
@@ -28,36 +29,6 @@ struct MakeOptions {
   uint32_t seed = 1;
   bool type21 = false;
 };
-
-const char* VertexVersionName(uint8_t v) {
-  switch (v) {
-    case NWelmStudioVertexVersion::c_UnwrappedXYZUV: return "plain";
-    case NWelmStudioVertexVersion::c_CompressedXYZUV: return "byte delta";
-    case NWelmStudioVertexVersion::c_GolombCodedXYZUV: return "Golomb";
-    case NWelmStudioVertexVersion::c_TransformDeltaXYZUV: return "transform delta";
-    case NWelmStudioVertexVersion::c_HuffmanCodedXYZUV: return "Huffman";
-    default: return "unknown";
-  }
-}
-
-const char* HeaderVersionName(uint8_t v) {
-  switch (v) {
-    case NWelmStudioMeshHeaderVersion::c_MeshHeaderVersion_KeyFrame: return "key frame";
-    case NWelmStudioMeshHeaderVersion::c_MeshHeaderVersion_DeltaFrame: return "delta frame";
-    case NWelmStudioMeshHeaderVersion::c_MeshHeaderVersion_Temporal: return "temporal mesh";
-    default: return "legacy";
-  }
-}
-
-const char* IndexVersionName(uint8_t v) {
-  switch (v) {
-    case NWelmStudioIndexVersion::c_UncompressedIndices: return "uncompressed";
-    case NWelmStudioIndexVersion::c_FixedByteDeltaEncodedIndices: return "fixed-byte delta";
-    case NWelmStudioIndexVersion::c_VarIntDeltaEncodedIndices: return "varint delta";
-    case NWelmStudioIndexVersion::c_EdgeBreakerIndices: return "EdgeBreaker";
-    default: return "unknown";
-  }
-}
 
 int Make(const MakeOptions& o) {
   CStreamingMeshHeader header;

@@ -10,6 +10,9 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   std::function<int()> run;
   OzmTool::AddUnitCommands(app, &run);
+  OzmTool::AddEncodeCommand(app, &run);
+  OzmTool::AddInspectCommand(app, &run);
+  OzmTool::AddExportCommand(app, &run);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

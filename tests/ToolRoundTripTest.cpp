@@ -1,0 +1,503 @@
+// The ozm tool end to end on the sample: encode to MP4, inspect, export, and read what was written
+// back with independent readers (libavformat for the samples, the player's attribute reader for the
+// block at the end, assimp for the mesh files, FFmpeg's PNG decoder for the pictures).
+#include <assimp/postprocess.h>
+#include <assimp/scene.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <assimp/Importer.hpp>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "OzmCore/CComPtr.h"
+#include "OzmCore/OzmAttributes.h"
+#include "tests/data/TestMeshFiles.h"
+#include "tools/ozm/Encode.h"
+#include "tools/ozm/Export.h"
+#include "tools/ozm/Inspect.h"
+#include "tools/ozm/Sample.h"
+#include "tools/ozm/media/Av.h"
+#include "tools/ozm/media/NalUnits.h"
+#include "tools/ozm/media/PictureReader.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using OzmTool::ExportFormat;
+using OzmTool::VideoCodec;
+
+constexpr int kFrames = 20;
+constexpr int kKeyInterval = 8;
+constexpr int kSize = 192;
+
+std::string SampleMesh() { return TestMeshFiles::Folder() + "/bunny.mesh"; }
+
+class ToolRoundTrip : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!fs::exists(SampleMesh())) {
+      if (TestMeshFiles::MissingDataAllowed()) GTEST_SKIP() << "no test data in " << TestMeshFiles::Folder();
+      FAIL() << "no test data in " << TestMeshFiles::Folder() << ": run scripts/test-data.sh";
+    }
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    m_dir = fs::temp_directory_path() / ("ozm-tool-" + std::to_string(getpid()) + "-" + info->name());
+    fs::remove_all(m_dir);
+    fs::create_directories(m_dir);
+    OzmTool::Av::QuietLibraryLogs();
+  }
+  void TearDown() override {
+    if (!m_dir.empty()) fs::remove_all(m_dir);
+  }
+  std::string Path(const std::string& name) const { return (m_dir / name).string(); }
+
+  fs::path m_dir;
+};
+
+OzmTool::EncodeOptions SampleOptions(const std::string& out) {
+  OzmTool::EncodeOptions o;
+  o.out = out;
+  o.sample = true;
+  o.sampleMesh = SampleMesh();
+  o.frames = kFrames;
+  o.keyInterval = kKeyInterval;
+  o.width = o.height = kSize;
+  o.crf = 18;
+  o.preset = "veryfast";
+  return o;
+}
+
+std::vector<uint8_t> ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// A mesh file as assimp reads it: texture coordinates flipped into the tool's convention (v = 0 on
+// the picture's top row), whatever the format's own convention is; OBJ corners that agree in every
+// attribute joined into one vertex.
+struct Loaded {
+  std::vector<std::array<float, 3>> positions, normals;
+  std::vector<std::array<float, 2>> uvs;
+  size_t triangles = 0;
+};
+
+Loaded Load(const std::string& path) {
+  Assimp::Importer importer;
+  const aiScene* scene = importer.ReadFile(path, aiProcess_FlipUVs | aiProcess_JoinIdenticalVertices);
+  Loaded out;
+  if (!scene) {
+    ADD_FAILURE() << path << ": " << importer.GetErrorString();
+    return out;
+  }
+  for (unsigned m = 0; m < scene->mNumMeshes; ++m) {
+    const aiMesh* mesh = scene->mMeshes[m];
+    for (unsigned v = 0; v < mesh->mNumVertices; ++v) {
+      out.positions.push_back({mesh->mVertices[v].x, mesh->mVertices[v].y, mesh->mVertices[v].z});
+      if (mesh->HasNormals()) out.normals.push_back({mesh->mNormals[v].x, mesh->mNormals[v].y, mesh->mNormals[v].z});
+      if (mesh->HasTextureCoords(0)) out.uvs.push_back({mesh->mTextureCoords[0][v].x, mesh->mTextureCoords[0][v].y});
+    }
+    out.triangles += mesh->mNumFaces;
+  }
+  return out;
+}
+
+// For every vertex of `got`, the vertex of `want` nearest to it: the largest differences per axis.
+struct Differences {
+  double position = 0, uv = 0, normal = 0;
+};
+
+Differences Compare(const Loaded& got, const Loaded& want) {
+  // A grid over the wanted positions; each got vertex searches its cell's neighbourhood.
+  std::array<float, 3> lo = want.positions[0], hi = want.positions[0];
+  for (const auto& p : want.positions) {
+    for (int a = 0; a < 3; ++a) {
+      lo[a] = std::min(lo[a], p[a]);
+      hi[a] = std::max(hi[a], p[a]);
+    }
+  }
+  constexpr int kCells = 24;
+  auto cellOf = [&](const std::array<float, 3>& p, int a) {
+    const float span = std::max(hi[a] - lo[a], 1e-9f);
+    return std::clamp(static_cast<int>((p[a] - lo[a]) / span * kCells), 0, kCells - 1);
+  };
+  std::map<std::array<int, 3>, std::vector<size_t>> grid;
+  for (size_t i = 0; i < want.positions.size(); ++i) {
+    const auto& p = want.positions[i];
+    grid[{cellOf(p, 0), cellOf(p, 1), cellOf(p, 2)}].push_back(i);
+  }
+  Differences d;
+  for (size_t i = 0; i < got.positions.size(); ++i) {
+    const auto& p = got.positions[i];
+    const int c[3] = {cellOf(p, 0), cellOf(p, 1), cellOf(p, 2)};
+    double best = INFINITY;
+    size_t nearest = 0;
+    for (int dx = -1; dx <= 1; ++dx) {
+      for (int dy = -1; dy <= 1; ++dy) {
+        for (int dz = -1; dz <= 1; ++dz) {
+          auto it = grid.find({c[0] + dx, c[1] + dy, c[2] + dz});
+          if (it == grid.end()) continue;
+          for (size_t j : it->second) {
+            double dist = 0;
+            for (int a = 0; a < 3; ++a) dist = std::max<double>(dist, std::fabs(p[a] - want.positions[j][a]));
+            if (dist < best) {
+              best = dist;
+              nearest = j;
+            }
+          }
+        }
+      }
+    }
+    d.position = std::max(d.position, best);
+    if (!std::isfinite(best)) continue;
+    if (i < got.uvs.size() && nearest < want.uvs.size()) {
+      for (int a = 0; a < 2; ++a) d.uv = std::max<double>(d.uv, std::fabs(got.uvs[i][a] - want.uvs[nearest][a]));
+    }
+    if (i < got.normals.size() && nearest < want.normals.size()) {
+      for (int a = 0; a < 3; ++a) {
+        d.normal = std::max<double>(d.normal, std::fabs(got.normals[i][a] - want.normals[nearest][a]));
+      }
+    }
+  }
+  return d;
+}
+
+Loaded SourceFrame(int index, bool normals) {
+  const OzmEncode::Mesh m = OzmTool::Sample(SampleMesh()).Frame(index, normals);
+  Loaded out;
+  for (size_t v = 0; v < m.VertexCount(); ++v) {
+    out.positions.push_back({m.positions[3 * v], m.positions[3 * v + 1], m.positions[3 * v + 2]});
+    out.uvs.push_back({m.uvs[2 * v], m.uvs[2 * v + 1]});
+    if (normals) out.normals.push_back({m.normals[3 * v], m.normals[3 * v + 1], m.normals[3 * v + 2]});
+  }
+  out.triangles = m.faces.size();
+  return out;
+}
+
+// The frame number the picture shows, read back with the sample's font.
+int NumberOnPicture(const std::string& png) {
+  OzmTool::PictureReader reader(png);
+  const AVFrame* frame = reader.Next();
+  if (!frame) return -1;
+  const int w = frame->width, h = frame->height;
+  OzmTool::Av::Scaler scaler(w, h, AV_PIX_FMT_RGB24);
+  OzmTool::Av::FramePtr rgb = OzmTool::Av::NewPicture(w, h, AV_PIX_FMT_RGB24);
+  scaler.Convert(frame, rgb.get());
+  std::vector<uint8_t> packed(static_cast<size_t>(w) * h * 3);
+  for (int y = 0; y < h; ++y)
+    std::memcpy(&packed[static_cast<size_t>(y) * w * 3], rgb->data[0] + y * rgb->linesize[0], w * 3);
+  const OzmTool::NumberPlacement at = OzmTool::Sample::NumberAt(w, h);
+  return OzmTool::ReadNumber(at.cx, at.cy, at.scale, 3, w, h, packed);
+}
+
+// What libavformat hands a player for each sample of the video track, as stored.
+struct StoredSample {
+  std::vector<uint8_t> bytes;
+  bool key = false;
+};
+
+std::vector<StoredSample> StoredSamples(const std::string& path) {
+  OzmTool::Av::InputPtr input = OzmTool::Av::OpenInput(path);
+  OzmTool::Av::PacketPtr packet = OzmTool::Av::NewPacket();
+  std::vector<StoredSample> out;
+  while (av_read_frame(input.get(), packet.get()) >= 0) {
+    out.push_back(
+        {std::vector<uint8_t>(packet->data, packet->data + packet->size), (packet->flags & AV_PKT_FLAG_KEY) != 0});
+    av_packet_unref(packet.get());
+  }
+  return out;
+}
+
+struct RoundTripCase {
+  const char* name;
+  VideoCodec codec;
+  int indexCoding;
+  int interCoding;
+  bool normals;
+  bool temporal;
+  ExportFormat format;
+  bool embed;
+};
+
+TEST_F(ToolRoundTrip, EncodeInspectExportReproduceTheSampleWithinTheQuantisation) {
+  const std::vector<RoundTripCase> cases = {
+      {"H.264, EdgeBreaker, Huffman, PLY", VideoCodec::H264, 4, 7, false, false, ExportFormat::Ply, false},
+      {"HEVC, varint, byte deltas, normals, OBJ", VideoCodec::Hevc, 3, 3, true, false, ExportFormat::Obj, false},
+      {"H.264, fixed-byte, Golomb, normals, temporal, glTF", VideoCodec::H264, 2, 4, true, true, ExportFormat::Gltf,
+       false},
+      {"HEVC, raw indices, transform deltas, embedded glTF", VideoCodec::Hevc, 1, 5, false, false, ExportFormat::Gltf,
+       true},
+  };
+  for (const RoundTripCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string clip = Path("clip.mp4");
+    OzmTool::EncodeOptions o = SampleOptions(clip);
+    o.codec = c.codec;
+    o.indexCoding = c.indexCoding;
+    o.interCoding = c.interCoding;
+    o.normals = c.normals;
+    o.temporal = c.temporal;
+    const OzmTool::EncodeSummary summary = OzmTool::Encode(o);
+    ASSERT_EQ(summary.frames, kFrames);
+    EXPECT_EQ(summary.meshKeyFrames, (kFrames + kKeyInterval - 1) / kKeyInterval);
+    const double tolerance = 0.5 * summary.maxStep + 1e-5;
+
+    // The attribute block ends the file, and the player's reader finds the sequence's values in the
+    // last kilobyte.
+    const std::vector<uint8_t> file = ReadFile(clip);
+    ASSERT_EQ(file.size(), summary.fileBytes);
+    const size_t block = summary.attributeBytes;
+    ASSERT_GT(block, 8u);
+    ASSERT_LE(block, 1024u);
+    const uint8_t* atom = &file[file.size() - block];
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(atom + 4), 4), "Xtra");
+    EXPECT_EQ(static_cast<size_t>(atom[0] << 24 | atom[1] << 16 | atom[2] << 8 | atom[3]), block);
+    OZMCORE::CComPtr<OzmCrossPlatform::Buffer> values(new OzmCrossPlatform::Buffer(16));
+    ASSERT_TRUE(OzmCrossPlatform::ReadXtraAttributes(&file[file.size() - 1024], 1024, values.Get()));
+    uint32_t frameCount = 0, maxVertices = 0, maxIndices = 0, normals = 7;
+    values->GetUINT32(OzmAttrib_FrameCount, &frameCount);
+    values->GetUINT32(OzmAttrib_MaxVertexCount, &maxVertices);
+    values->GetUINT32(OzmAttrib_MaxIndexCount, &maxIndices);
+    values->GetUINT32(OzmAttrib_HasVertexNormals, &normals);
+    EXPECT_EQ(frameCount, static_cast<uint32_t>(kFrames));
+    EXPECT_EQ(maxVertices, summary.maxVertices);
+    EXPECT_EQ(maxIndices, 3 * SourceFrame(0, false).triangles);
+    EXPECT_EQ(normals, c.normals ? 1u : 0u);
+    std::array<float, 3> lo = SourceFrame(0, false).positions[0], hi = lo;
+    for (int i = 0; i < kFrames; ++i) {
+      for (const auto& p : SourceFrame(i, false).positions) {
+        for (int a = 0; a < 3; ++a) {
+          lo[a] = std::min(lo[a], p[a]);
+          hi[a] = std::max(hi[a], p[a]);
+        }
+      }
+    }
+    const _GUID* mins[3] = {&OzmAttrib_BBoxMinX, &OzmAttrib_BBoxMinY, &OzmAttrib_BBoxMinZ};
+    const _GUID* maxs[3] = {&OzmAttrib_BBoxMaxX, &OzmAttrib_BBoxMaxY, &OzmAttrib_BBoxMaxZ};
+    for (int a = 0; a < 3; ++a) {
+      double v = 0;
+      values->GetDouble(*mins[a], &v);
+      EXPECT_EQ(v, lo[a]) << "axis " << a;
+      values->GetDouble(*maxs[a], &v);
+      EXPECT_EQ(v, hi[a]) << "axis " << a;
+    }
+
+    // Every stored sample holds exactly one mesh unit as a NAL unit of its own, in front of the
+    // picture, and key frames of mesh and picture coincide.
+    const std::vector<StoredSample> samples = StoredSamples(clip);
+    ASSERT_EQ(samples.size(), static_cast<size_t>(kFrames));
+    uint64_t stored = 0;
+    for (size_t i = 0; i < samples.size(); ++i) {
+      std::vector<OzmTool::NalSpan> units;
+      ASSERT_TRUE(OzmTool::SplitLengthPrefixed(samples[i].bytes.data(), samples[i].bytes.size(), 4, &units)) << i;
+      int meshUnits = 0;
+      bool pictureSeen = false, meshFirst = false;
+      for (const auto& u : units) {
+        const uint8_t* nal = &samples[i].bytes[u.begin];
+        if (nal[0] == 0x18 && u.end - u.begin > 8 && std::memcmp(nal + 1, "WELM", 4) == 0) {
+          ++meshUnits;
+          meshFirst = !pictureSeen;
+        } else if (OzmTool::IsPictureUnit(c.codec, nal, u.end - u.begin)) {
+          pictureSeen = true;
+        }
+      }
+      EXPECT_EQ(meshUnits, 1) << "sample " << i;
+      EXPECT_TRUE(meshFirst && pictureSeen) << "sample " << i;
+      EXPECT_EQ(samples[i].key, i % kKeyInterval == 0) << "sample " << i;
+      stored += samples[i].bytes.size();
+    }
+    EXPECT_EQ(stored, summary.pictureBytes + summary.meshBytes);
+
+    // Inspect finds and decodes every mesh the way the player does.
+    const OzmTool::InspectReport report = OzmTool::Inspect(clip);
+    ASSERT_EQ(report.frames.size(), static_cast<size_t>(kFrames));
+    EXPECT_EQ(report.problems, 0);
+    EXPECT_TRUE(report.attributes.found);
+    EXPECT_EQ(report.attributes.blockBytes, block);
+    EXPECT_EQ(report.width, kSize);
+    for (const OzmTool::FrameInfo& f : report.frames) {
+      EXPECT_TRUE(f.decoded) << f.index << ": " << f.problem;
+      EXPECT_EQ(f.header.m_frameId, static_cast<uint32_t>(f.index + 1));
+      EXPECT_EQ(f.meshKey, f.index % kKeyInterval == 0) << f.index;
+      EXPECT_EQ(f.pictureKey, f.meshKey) << f.index;
+      EXPECT_EQ(f.vertices, summary.maxVertices) << f.index;
+      EXPECT_EQ(f.indices, maxIndices) << f.index;
+      EXPECT_NEAR(f.seconds, f.index / 30.0, 1e-6);
+    }
+
+    // Export starts decoding at the key frame before the range; every frame comes back within the
+    // quantisation step, with its own picture.
+    const std::string out = Path("export");
+    OzmTool::ExportOptions e;
+    e.path = clip;
+    e.frames = {kKeyInterval + 1, kKeyInterval + 3};
+    e.format = c.format;
+    e.outDir = out;
+    e.embed = c.embed;
+    const OzmTool::ExportResult result = OzmTool::Export(e);
+    EXPECT_EQ(result.meshesFrom, kKeyInterval);
+    EXPECT_EQ(result.picturesFrom, kKeyInterval);
+    ASSERT_EQ(result.frames.size(), 3u);
+    for (const OzmTool::ExportedFrame& f : result.frames) {
+      SCOPED_TRACE("frame " + std::to_string(f.index));
+      ASSERT_FALSE(f.files.empty());
+      const Loaded got = Load(f.files[0]);
+      const bool storedNormals = c.normals && !c.temporal && c.interCoding != 5;
+      const Loaded want = SourceFrame(static_cast<int>(f.index), storedNormals);
+      EXPECT_LE(got.positions.size(), summary.maxVertices);
+      EXPECT_EQ(got.triangles, want.triangles);
+      ASSERT_EQ(got.uvs.size(), got.positions.size());
+      ASSERT_EQ(got.normals.size(), got.positions.size());
+      const Differences there = Compare(got, want), back = Compare(want, got);
+      EXPECT_LE(there.position, tolerance);
+      EXPECT_LE(back.position, tolerance);
+      EXPECT_LE(there.uv, 1e-4);
+      if (storedNormals) {
+        EXPECT_LE(there.normal, 1e-3);
+      }
+      for (const auto& n : got.normals) EXPECT_NEAR(n[0] * n[0] + n[1] * n[1] + n[2] * n[2], 1.0, 1e-3);
+      if (c.embed) {
+        EXPECT_EQ(f.files.size(), 1u);
+        const std::vector<uint8_t> text = ReadFile(f.files[0]);
+        EXPECT_NE(std::string(text.begin(), text.end()).find("data:image/png;base64,"), std::string::npos);
+      } else {
+        EXPECT_EQ(NumberOnPicture(f.files.back()), f.index);
+      }
+    }
+    fs::remove_all(out);
+  }
+}
+
+// Frames exported as files are valid encoder input: a folder of meshes with a folder of pictures
+// encodes again, and decodes to the same frames and pictures.
+TEST_F(ToolRoundTrip, ExportedFramesEncodeAgainFromAFolder) {
+  const std::string clip = Path("clip.mp4");
+  OzmTool::EncodeOptions o = SampleOptions(clip);
+  o.frames = 5;
+  const OzmTool::EncodeSummary first = OzmTool::Encode(o);
+  for (ExportFormat format : {ExportFormat::Ply, ExportFormat::Obj, ExportFormat::Gltf}) {
+    SCOPED_TRACE(static_cast<int>(format));
+    const std::string frames = Path("frames"), again = Path("again.mp4"), back = Path("back");
+    OzmTool::ExportOptions e;
+    e.path = clip;
+    e.frames = {0, 4};
+    e.format = format;
+    e.outDir = frames;
+    ASSERT_EQ(OzmTool::Export(e).frames.size(), 5u);
+
+    OzmTool::EncodeOptions folder;
+    folder.out = again;
+    folder.input = frames;
+    folder.texture = frames;
+    folder.preset = "veryfast";
+    folder.crf = 18;
+    const OzmTool::EncodeSummary second = OzmTool::Encode(folder);
+    EXPECT_EQ(second.frames, 5);
+    EXPECT_EQ(second.width, kSize);
+    EXPECT_FALSE(second.projectedTexCoords);
+
+    e.path = again;
+    e.outDir = back;
+    const OzmTool::ExportResult result = OzmTool::Export(e);
+    ASSERT_EQ(result.frames.size(), 5u);
+    for (const OzmTool::ExportedFrame& f : result.frames) {
+      SCOPED_TRACE("frame " + std::to_string(f.index));
+      const std::string name = fs::path(f.files[0]).filename().string();
+      const Loaded before = Load((fs::path(frames) / name).string()), after = Load(f.files[0]);
+      EXPECT_EQ(after.triangles, before.triangles);
+      const Differences d = Compare(after, before);
+      EXPECT_LE(d.position, 0.5 * (first.maxStep + second.maxStep) + 1e-5);
+      EXPECT_LE(d.uv, 1e-4);
+      EXPECT_EQ(NumberOnPicture(f.files.back()), f.index);
+    }
+    fs::remove_all(frames);
+    fs::remove_all(back);
+  }
+}
+
+// A change of topology inside a group makes a mesh key frame but no picture key frame; export then
+// starts the meshes and the pictures at their own key frames.
+TEST_F(ToolRoundTrip, TopologyChangesStartMeshesButNotPictures) {
+  const std::string frames = Path("frames");
+  fs::create_directories(frames);
+  const OzmTool::Sample sample(SampleMesh());
+  for (int i = 0; i < 6; ++i) {
+    OzmEncode::Mesh m = sample.Frame(i, false);
+    if (i >= 3) m.faces.resize(m.faces.size() - 10);  // from frame 3 on, a few triangles fewer
+    std::ofstream obj(frames + "/f" + std::to_string(i) + ".obj");
+    for (size_t v = 0; v < m.VertexCount(); ++v) {
+      obj << "v " << m.positions[3 * v] << ' ' << m.positions[3 * v + 1] << ' ' << m.positions[3 * v + 2] << '\n';
+      obj << "vt " << m.uvs[2 * v] << ' ' << 1.0f - m.uvs[2 * v + 1] << '\n';
+    }
+    for (const WelmMeshFace& f : m.faces) {
+      obj << "f";
+      for (uint32_t v : f.v) obj << ' ' << v + 1 << '/' << v + 1;
+      obj << '\n';
+    }
+  }
+  OzmTool::EncodeOptions o;
+  o.out = Path("clip.mp4");
+  o.input = frames;
+  o.keyInterval = 4;
+  o.width = o.height = 64;
+  o.preset = "veryfast";
+  OzmTool::Encode(o);
+  const OzmTool::InspectReport report = OzmTool::Inspect(o.out);
+  ASSERT_EQ(report.frames.size(), 6u);
+  std::vector<int64_t> meshKeys, pictureKeys;
+  for (const OzmTool::FrameInfo& f : report.frames) {
+    if (f.meshKey) meshKeys.push_back(f.index);
+    if (f.pictureKey) pictureKeys.push_back(f.index);
+  }
+  EXPECT_EQ(meshKeys, (std::vector<int64_t>{0, 3, 4}));
+  EXPECT_EQ(pictureKeys, (std::vector<int64_t>{0, 4}));
+
+  struct Case {
+    int64_t frame, meshesFrom, picturesFrom;
+  };
+  for (const Case& c : {Case{2, 0, 0}, Case{3, 3, 0}, Case{5, 4, 4}}) {
+    OzmTool::ExportOptions e;
+    e.path = o.out;
+    e.frames = {c.frame, c.frame};
+    e.outDir = Path("out");
+    const OzmTool::ExportResult r = OzmTool::Export(e);
+    EXPECT_EQ(r.meshesFrom, c.meshesFrom) << c.frame;
+    EXPECT_EQ(r.picturesFrom, c.picturesFrom) << c.frame;
+    ASSERT_EQ(r.frames.size(), 1u);
+    EXPECT_EQ(r.frames[0].triangles, sample.FaceCount() - (c.frame >= 3 ? 10 : 0)) << c.frame;
+  }
+}
+
+// The pictures of a video file texture the frames in order.
+TEST_F(ToolRoundTrip, AVideoTexturesTheFramesInOrder) {
+  const std::string source = Path("source.mp4"), clip = Path("clip.mp4");
+  OzmTool::EncodeOptions o = SampleOptions(source);
+  o.frames = 6;
+  OzmTool::Encode(o);
+  o.out = clip;
+  o.texture = source;
+  o.width = o.height = 0;  // the video's own size
+  o.codec = VideoCodec::Hevc;
+  OzmTool::Encode(o);
+  OzmTool::ExportOptions e;
+  e.path = clip;
+  e.frames = {3, 5};
+  e.outDir = Path("out");
+  for (const OzmTool::ExportedFrame& f : OzmTool::Export(e).frames) {
+    EXPECT_EQ(NumberOnPicture(f.files.back()), f.index);
+  }
+  // Asking for more frames than the video has pictures is an error, not a crash or a short file.
+  o.frames = 7;
+  o.out = Path("short.mp4");
+  EXPECT_THROW(OzmTool::Encode(o), OzmTool::ToolError);
+  EXPECT_FALSE(fs::exists(o.out));
+}
+
+}  // namespace

@@ -1,0 +1,69 @@
+// ozm encode: a mesh sequence and its texture pictures become a volumetric MP4. Every access unit of
+// the video track carries that picture's mesh in one mesh NAL unit, and the file ends with the
+// attribute block.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "tools/ozm/media/NalUnits.h"
+
+namespace OzmTool {
+
+struct EncodeOptions {
+  std::string out;
+  // Mesh input: the built-in sample (its mesh file may be given), or a folder of mesh files.
+  bool sample = false;
+  std::string sampleMesh;  // empty: Sample::DefaultMeshPath()
+  std::string input;
+  // Texture input: a picture, a folder of pictures (one a frame) or a video; empty: the sample's
+  // generated pictures.
+  std::string texture;
+  int frames = 0;  // 0: every frame of the input
+  int fps = 30;
+  // Mesh coding.
+  int keyInterval = 30;
+  int indexCoding = 4;
+  int interCoding = 7;  // 0: key frames only
+  bool temporal = false;
+  bool normals = false;
+  // Picture coding.
+  VideoCodec codec = VideoCodec::H264;
+  int width = 0, height = 0;  // 0: the texture input's size (1024x1024 for generated pictures)
+  int bitrateKbps = 0;        // 0: constant quality
+  int crf = 23;
+  std::string preset = "medium";
+};
+
+struct EncodeSummary {
+  std::string path;
+  VideoCodec codec = VideoCodec::H264;
+  int width = 0, height = 0, fps = 0;
+  int frames = 0;
+  int meshKeyFrames = 0;
+  double durationSeconds = 0;
+  uint64_t fileBytes = 0;
+  uint64_t pictureBytes = 0;  // picture units as stored (with their length fields)
+  uint64_t meshBytes = 0;     // mesh units as stored
+  uint64_t attributeBytes = 0;
+  uint64_t containerBytes = 0;  // everything else: sample tables, headers
+  uint64_t triangles = 0;       // over all frames
+  uint64_t vertices = 0;        // decoded vertices over all frames
+  uint32_t maxVertices = 0, maxIndices = 0;
+  double bboxMin[3] = {0, 0, 0}, bboxMax[3] = {0, 0, 0};
+  double maxError = 0;  // largest position error of any decoded frame
+  double maxStep = 0;   // largest quantisation step of any frame
+  double seconds = 0;   // time taken
+  size_t texCoordsOutside = 0;
+  bool projectedTexCoords = false;
+};
+
+// Called after each frame with the number done and the total.
+using ProgressFn = std::function<void(int done, int total)>;
+
+// Throws ToolError with a clear message on bad input or a failing library; a partly written output
+// file is removed.
+EncodeSummary Encode(const EncodeOptions& options, const ProgressFn& progress = {});
+
+}  // namespace OzmTool
