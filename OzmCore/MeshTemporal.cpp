@@ -157,12 +157,9 @@ HRESULT COzmMeshReader::DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMes
              ctx->m_pKeyVertices.size(), n);
     return E_UNEXPECTED;
   }
-  const uint32_t stride = VertexStride();
   OZMCORE::CComPtr<IOzmBuffer> buffer;
-  HRESULT hr = Allocate(stride * n, stride, &buffer);
-  if (OZM_FAILED(hr)) return hr;
   OzmLockedMemory locked{};
-  hr = buffer->LockBuffer(&locked);
+  HRESULT hr = AllocateVertices(n, buffer, locked);
   if (OZM_FAILED(hr)) return hr;
   ctx->m_pOlderMesh = older;
 
@@ -339,12 +336,9 @@ HRESULT COzmMeshReader::ReadTransformDeltaVertices(COzmMeshReaderCtx* ctx, IStre
   }
   const HuffmanDecoder decoder(root);
 
-  const uint32_t stride = VertexStride();
   OZMCORE::CComPtr<IOzmBuffer> buffer;
-  HRESULT hr = Allocate(stride * n, stride, &buffer);
-  if (OZM_FAILED(hr)) return hr;
   OzmLockedMemory locked{};
-  hr = buffer->LockBuffer(&locked);
+  HRESULT hr = AllocateVertices(n, buffer, locked);
   if (OZM_FAILED(hr)) return hr;
   __vector4* prev = ctx->m_pPrevMesh->data();
   const SKeyVertex* keys = ctx->m_pKeyVertices.data();

@@ -53,10 +53,8 @@ HRESULT COzmMeshReader::ReadVertices(COzmMeshReaderCtx* ctx, IStream* stream, CS
     return E_FAIL;
   }
   OZMCORE::CComPtr<IOzmBuffer> buffer;
-  hr = Allocate(stride * n, stride, &buffer);
-  if (OZM_FAILED(hr)) return hr;
   OzmLockedMemory locked{};
-  hr = buffer->LockBuffer(&locked);
+  hr = AllocateVertices(n, buffer, locked);
   if (OZM_FAILED(hr)) return hr;
   uint8_t* dst = locked.pData;
   // 16-bit output whose layout is the record layout takes the records as they are.

@@ -34,6 +34,15 @@ HRESULT COzmMeshReader::Allocate(uint32_t size, uint32_t elementSize, IOzmBuffer
   return m_allocator->AllocateBuffer(size, elementSize, 0, out);
 }
 
+HRESULT COzmMeshReader::AllocateVertices(uint32_t count, OZMCORE::CComPtr<IOzmBuffer>& buffer,
+                                         OzmLockedMemory& locked) {
+  const uint32_t stride = VertexStride();
+  buffer.Release();
+  HRESULT hr = Allocate(stride * count, stride, &buffer);
+  if (OZM_SUCCEEDED(hr)) hr = buffer->LockBuffer(&locked);
+  return hr;
+}
+
 HRESULT COzmMeshReader::ReadNormals(IStream* stream, CStreamingMeshHeader* header, IOzmBuffer* buffer) {
   if (!stream || !header || !buffer) return E_POINTER;
   if (!(header->m_Version.v.m_FormatFlags & NWelmStudioFormatFlags::c_HasNormals)) return S_OK;

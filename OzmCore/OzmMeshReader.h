@@ -116,6 +116,8 @@ class COzmMeshReader {
 
  private:
   HRESULT Allocate(uint32_t size, uint32_t elementSize, IOzmBuffer** out);
+  // A locked buffer for count vertices of the reader's layout.
+  HRESULT AllocateVertices(uint32_t count, OZMCORE::CComPtr<IOzmBuffer>& buffer, OzmLockedMemory& locked);
   // Appends one decoded sub-mesh to the frame's buffers: indices rebased, positions moved into the
   // frame's box, texture coordinates mapped by the sub-mesh's transform.
   HRESULT MergeSubmesh(const CStreamingMeshHeader& frame, const CStreamingMeshHeader& sub, const STransform& transform,
