@@ -3,7 +3,8 @@
 # sample (the Loop-subdivided bunny twisting and breathing for 300 frames, with a texture that
 # shows each frame's number) is encoded to an MP4 whose every access unit carries its mesh, checked
 # with FFmpeg, inspected the way the player reads it, and three frames are exported as glTF with
-# their decoded pictures.
+# their decoded pictures. The same sample is also encoded as an HLS stream (a playlist and MPEG-TS
+# segments), which FFmpeg plays as well.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -13,7 +14,8 @@ cmake --build --preset host --target ozm OzmUnityPlugin -j "$(nproc 2>/dev/null 
 
 out=build/demo
 mkdir -p "$out"
-rm -rf "$out/frames"
+rm -rf "$out/frames" "$out/hls"
+mkdir -p "$out/hls"
 ozm=build/host/tools/ozm
 clip=$out/bunny.mp4
 
@@ -36,10 +38,19 @@ echo "== Exporting frames 148 to 150 as glTF with their pictures"
 "$ozm" export "$clip" --frames 148:150 --format gltf --out "$out/frames"
 
 echo
+echo "== Encoding the same sample as HLS: a playlist and 2-second MPEG-TS segments, each starting with a key frame"
+"$ozm" encode --sample --out "$out/hls/bunny.m3u8"
+echo "FFmpeg plays the playlist (its error log follows between the lines)"
+echo "----"
+ffmpeg -nostdin -v error -i "$out/hls/bunny.m3u8" -f null -
+echo "----"
+
+echo
 echo "Made:"
 echo "  $clip                      the volumetric clip ($(stat -c %s "$clip") bytes)"
 echo "  $out/frames/frame_000148.gltf ... frame_000150.gltf  meshes (open in any glTF viewer)"
 echo "  $out/frames/frame_000148.png  ... frame_000150.png   their decoded pictures"
 echo "  build/host/plugin/libOzmUnityPlugin.so   the host build of the plug-in"
 echo "  build/host/tools/ozm          the authoring and inspection tool (ozm --help)"
-echo "HLS output (transport-stream segments and a playlist) comes in a later step."
+echo "  $out/hls/bunny.m3u8          the HLS playlist, with its segments:"
+ls -l "$out/hls" | awk 'NR > 1 && $NF ~ /\.ts$/ { printf "    %-28s %s bytes\n", $NF, $5 }'

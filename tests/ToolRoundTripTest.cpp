@@ -19,15 +19,20 @@
 #include <vector>
 
 #include "OzmCore/CComPtr.h"
+#include "OzmCore/MeshFrame.h"
+#include "OzmCore/MeshPayload.h"
 #include "OzmCore/OzmAttributes.h"
+#include "OzmCore/OzmMeshReader.h"
 #include "tests/data/TestMeshFiles.h"
 #include "tools/ozm/Encode.h"
 #include "tools/ozm/Export.h"
 #include "tools/ozm/Inspect.h"
+#include "tools/ozm/MeshStream.h"
 #include "tools/ozm/Sample.h"
 #include "tools/ozm/media/Av.h"
 #include "tools/ozm/media/NalUnits.h"
 #include "tools/ozm/media/PictureReader.h"
+#include "tools/ozm/media/VolumetricReader.h"
 
 namespace {
 
@@ -498,6 +503,184 @@ TEST_F(ToolRoundTrip, AVideoTexturesTheFramesInOrder) {
   o.out = Path("short.mp4");
   EXPECT_THROW(OzmTool::Encode(o), OzmTool::ToolError);
   EXPECT_FALSE(fs::exists(o.out));
+}
+
+// The video access units of HLS segments as a transport-stream demultiplexer finds them: one PES
+// packet each, read straight from the 188-byte packets.
+struct TsAccessUnit {
+  std::vector<uint8_t> bytes;  // the elementary stream
+  int ptsDtsFlags = -1;        // the two bits of the PES header
+  int64_t pts = -1;
+  bool randomAccess = false;  // the adaptation field's random-access indicator
+  size_t segment = 0;
+  bool segmentStart = false;
+};
+
+std::vector<TsAccessUnit> TsVideoAccessUnits(const std::vector<std::string>& segments) {
+  std::vector<TsAccessUnit> out;
+  int videoPid = -1;
+  for (size_t s = 0; s < segments.size(); ++s) {
+    const std::vector<uint8_t> ts = ReadFile(segments[s]);
+    EXPECT_EQ(ts.size() % 188, 0u) << segments[s];
+    bool first = true;
+    for (size_t at = 0; at + 188 <= ts.size(); at += 188) {
+      const uint8_t* p = &ts[at];
+      if (p[0] != 0x47) {
+        ADD_FAILURE() << segments[s] << ": lost sync at " << at;
+        return out;
+      }
+      const int pid = (p[1] & 0x1F) << 8 | p[2];
+      const bool unitStart = (p[1] & 0x40) != 0;
+      const int control = (p[3] >> 4) & 3;
+      size_t payload = 4;
+      bool randomAccess = false;
+      if (control & 2) {
+        randomAccess = p[4] > 0 && (p[5] & 0x40) != 0;
+        payload += 1 + p[4];
+      }
+      if (!(control & 1) || payload >= 188) continue;
+      const uint8_t* data = p + payload;
+      const size_t size = 188 - payload;
+      if (unitStart && size >= 14 && data[0] == 0 && data[1] == 0 && data[2] == 1 && (data[3] & 0xF0) == 0xE0) {
+        videoPid = pid;
+        TsAccessUnit au;
+        au.ptsDtsFlags = data[7] >> 6;
+        au.pts = static_cast<int64_t>(data[9] & 0x0E) << 29 | data[10] << 22 | (data[11] & 0xFE) << 14 | data[12] << 7 |
+                 data[13] >> 1;
+        au.randomAccess = randomAccess;
+        au.segment = s;
+        au.segmentStart = first;
+        first = false;
+        const size_t header = 9u + data[8];
+        if (header < size) au.bytes.assign(data + header, data + size);
+        out.push_back(std::move(au));
+      } else if (pid == videoPid && !out.empty() && !unitStart) {
+        out.back().bytes.insert(out.back().bytes.end(), data, data + size);
+      }
+    }
+  }
+  return out;
+}
+
+// A picture that decoding can start at: IDR in H.264; IDR, CRA or BLA in HEVC (the encoder's
+// forced key frames after the first are CRA pictures, which start cleanly without B-frames).
+bool IsRandomAccessPicture(VideoCodec codec, const std::vector<uint8_t>& au) {
+  for (const OzmTool::NalSpan& nal : OzmTool::SplitAnnexB(au.data(), au.size())) {
+    const int type = OzmTool::NalType(codec, au[nal.begin]);
+    if (codec == VideoCodec::H264 ? type == 5 : (type >= 16 && type <= 21)) return true;
+  }
+  return false;
+}
+
+// HLS output: a playlist of MPEG-TS segments that each start with a key frame of picture and mesh,
+// every access unit opening with its delimiter and carrying one mesh unit, PES headers with the
+// presentation time only, and the meshes decoding in order the way the player decodes them.
+TEST_F(ToolRoundTrip, HlsSegmentsCarryEveryMeshInItsAccessUnit) {
+  struct Case {
+    const char* name;
+    VideoCodec codec;
+    int keyInterval;
+    double segmentSeconds;
+    int segmentFrames;  // what the length rounds to: whole key-frame intervals
+    size_t segments;
+  };
+  const std::vector<Case> cases = {
+      {"H.264, one group a segment", VideoCodec::H264, 4, 0.1, 4, 5},
+      {"HEVC, two groups a segment", VideoCodec::Hevc, 4, 0.3, 8, 3},
+      {"H.264, three groups a segment, key frames inside", VideoCodec::H264, 5, 0.5, 15, 2},
+      {"HEVC, the default length: one segment", VideoCodec::Hevc, 8, 2.0, 64, 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(Path("hls"));
+    fs::create_directories(Path("hls"));
+    const std::string playlist = Path("hls/clip.m3u8");
+    OzmTool::EncodeOptions o = SampleOptions(playlist);
+    o.codec = c.codec;
+    o.keyInterval = c.keyInterval;
+    o.segmentSeconds = c.segmentSeconds;
+    const OzmTool::EncodeSummary summary = OzmTool::Encode(o);
+    EXPECT_TRUE(summary.hls);
+    EXPECT_EQ(summary.segmentFrames, c.segmentFrames);
+    EXPECT_EQ(summary.attributeBytes, 0u);
+
+    // The playlist lists the segments (and nothing else is written), ends, and covers every frame.
+    ASSERT_EQ(summary.segments.size(), c.segments);
+    const std::vector<uint8_t> bytes = ReadFile(playlist);
+    const std::string text(bytes.begin(), bytes.end());
+    EXPECT_EQ(text.rfind("#EXTM3U\n", 0), 0u);
+    EXPECT_NE(text.find("#EXT-X-ENDLIST"), std::string::npos);
+    EXPECT_EQ(text.find("#EXT-X-TARGETDURATION:0"), std::string::npos);
+    for (size_t i = 0; i < summary.segments.size(); ++i) {
+      const std::string name = "clip_0000" + std::to_string(i) + ".ts";
+      EXPECT_EQ(fs::path(summary.segments[i]).filename().string(), name);
+      EXPECT_NE(text.find("\n" + name + "\n"), std::string::npos) << name;
+    }
+    uint64_t files = bytes.size();
+    for (const auto& entry : fs::directory_iterator(Path("hls"))) {
+      if (entry.path().filename() != "clip.m3u8") {
+        EXPECT_NE(std::find(summary.segments.begin(), summary.segments.end(), entry.path().string()),
+                  summary.segments.end())
+            << entry.path();
+      }
+    }
+    for (const std::string& segment : summary.segments) files += fs::file_size(segment);
+    EXPECT_EQ(files, summary.fileBytes);
+
+    const std::vector<TsAccessUnit> aus = TsVideoAccessUnits(summary.segments);
+    ASSERT_EQ(aus.size(), static_cast<size_t>(kFrames));
+    OZMCORE::CComPtr<OzmCrossPlatform::BufferAllocator> allocator(new OzmCrossPlatform::BufferAllocator);
+    Ozm::COzmMeshReader reader;
+    reader.Initialize(allocator, 0x0F);
+    uint64_t stream = 0;
+    for (size_t i = 0; i < aus.size(); ++i) {
+      SCOPED_TRACE("access unit " + std::to_string(i));
+      const TsAccessUnit& au = aus[i];
+      stream += au.bytes.size();
+      EXPECT_EQ(au.ptsDtsFlags, 2);  // '10': PTS only
+      EXPECT_EQ(au.pts - aus[0].pts, static_cast<int64_t>(i) * 90000 / 30);
+      EXPECT_EQ(au.segment, i / static_cast<size_t>(c.segmentFrames));
+      EXPECT_EQ(au.segmentStart, i % static_cast<size_t>(c.segmentFrames) == 0);
+      EXPECT_TRUE(OzmTool::StartsWithDelimiter(c.codec, au.bytes.data(), au.bytes.size()));
+      const bool groupStart = i % static_cast<size_t>(c.keyInterval) == 0;
+      EXPECT_EQ(IsRandomAccessPicture(c.codec, au.bytes), groupStart);
+      EXPECT_EQ(OzmTool::StartsMeshGroup(au.bytes), groupStart);
+      if (au.segmentStart) {
+        EXPECT_TRUE(au.randomAccess);
+      }
+      int meshUnits = 0;
+      for (const OzmTool::NalSpan& nal : OzmTool::SplitAnnexB(au.bytes.data(), au.bytes.size())) {
+        meshUnits += au.bytes[nal.begin] == 0x18 && nal.end - nal.begin > 5 &&
+                     std::memcmp(&au.bytes[nal.begin + 1], "WELM", 4) == 0;
+      }
+      EXPECT_EQ(meshUnits, 1);
+      OZMCORE::CComPtr<OzmCrossPlatform::Stream> mesh(
+          OzmCrossPlatform::FindCompressedMesh(au.bytes.data(), static_cast<unsigned int>(au.bytes.size())));
+      ASSERT_TRUE(mesh);
+      CStreamingMeshHeader header;
+      ASSERT_TRUE(OZM_SUCCEEDED(header.Read(mesh)));
+      EXPECT_EQ(header.m_frameId, static_cast<uint32_t>(i + 1));
+      OZMCORE::CComPtr<OzmCrossPlatform::Stream> again(
+          OzmCrossPlatform::FindCompressedMesh(au.bytes.data(), static_cast<unsigned int>(au.bytes.size())));
+      again->SetTimestamp(static_cast<int64_t>(i) * 1000000000 / 30);
+      const std::shared_ptr<Ozm::MeshFrame> frame = Ozm::DecodeMeshFrame(reader, again);
+      ASSERT_TRUE(frame);
+      EXPECT_EQ(frame->NumVertices(), summary.maxVertices);
+      EXPECT_EQ(frame->NumIndices(), 3 * SourceFrame(0, false).triangles);
+    }
+    // The elementary stream is exactly the access units written: nothing added by the muxer.
+    EXPECT_EQ(stream, summary.pictureBytes + summary.meshBytes);
+
+    // FFmpeg reads the playlist and decodes every picture.
+    OzmTool::VolumetricReader input(playlist);
+    OzmTool::PictureDecoder decoder(input.Video());
+    OzmTool::AccessUnit au;
+    int pictures = 0;
+    auto count = [&pictures](int64_t, const std::vector<uint8_t>&) { ++pictures; };
+    while (input.Next(&au)) decoder.Send(au.packet.get(), count);
+    decoder.Send(nullptr, count);
+    EXPECT_EQ(pictures, kFrames);
+  }
 }
 
 }  // namespace

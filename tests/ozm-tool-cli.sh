@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# ozm encode, inspect and export from the command line: the clip is ordinary video to FFmpeg, the
-# JSON reports say what the text says, and bad command lines and unreadable or damaged inputs end
-# with a message and exit status 1, never with a crash.
+# ozm encode, inspect and export from the command line: the clip (MP4 or HLS) is ordinary video to
+# FFmpeg, the JSON reports say what the text says, and bad command lines and unreadable or damaged
+# inputs end with a message and exit status 1, never with a crash.
 #   ozm-tool-cli.sh OZM WORK_FOLDER TEST_DATA_FOLDER
 set -uo pipefail
 ozm=$1
@@ -33,6 +33,30 @@ for codec in h264 hevc; do
     fail "$codec packet count"
 done
 clip=$dir/h264.mp4
+
+# HLS: a playlist of transport-stream segments that FFmpeg plays without a single message, every
+# packet with pts == dts (the PES headers carry the PTS only) and every segment starting with a key
+# frame; no attribute block.
+for codec in h264 hevc; do
+  hls=$dir/hls-$codec
+  mkdir -p "$hls"
+  "$ozm" encode "${small[@]}" --texture-codec "$codec" --segment-seconds 0.2 --out "$hls/clip.m3u8" --json \
+    >"$hls.json" || fail "encode HLS $codec"
+  jq -e '.frames == 12 and .segments.frames_each == 6 and (.segments.files | length) == 2 and
+         (.bytes | has("attributes") | not)' "$hls.json" >/dev/null || fail "HLS summary: $(cat "$hls.json")"
+  [ "$(grep -c '^clip_[0-9]*\.ts$' "$hls/clip.m3u8")" = 2 ] && grep -q '^#EXT-X-ENDLIST' "$hls/clip.m3u8" ||
+    fail "HLS playlist: $(cat "$hls/clip.m3u8")"
+  [ "$(ls "$hls")" = "$(printf 'clip.m3u8\nclip_00000.ts\nclip_00001.ts')" ] || fail "HLS files: $(ls "$hls")"
+  log=$(ffmpeg -nostdin -v error -i "$hls/clip.m3u8" -f null - 2>&1) || fail "ffmpeg cannot play $hls/clip.m3u8"
+  [ -z "$log" ] || fail "ffmpeg complains about $hls/clip.m3u8: $log"
+  packets=$(ffprobe -v error -select_streams v -show_entries packet=pts,dts -of csv=p=0 "$hls/clip.m3u8" | grep .)
+  [ "$(wc -l <<<"$packets")" = 12 ] || fail "$codec HLS packet count: $packets"
+  [ -z "$(awk -F, '$1 != $2' <<<"$packets")" ] || fail "$codec HLS packets with a DTS of their own: $packets"
+  for segment in "$hls"/clip_*.ts; do
+    first=$(ffprobe -v error -select_streams v -show_entries packet=flags -of csv=p=0 "$segment" | head -n 1)
+    [ "${first:0:1}" = K ] || fail "$segment starts without a key frame ($first)"
+  done
+done
 
 # The text summary of encode.
 out=$("$ozm" encode "${small[@]}" --out "$dir/text.mp4") || fail "encode (text)"
@@ -87,7 +111,8 @@ ffmpeg -nostdin -v error -f lavfi -i testsrc=size=64x64:rate=10 -frames:v 5 -c:v
 expect_error "--out is required" "$ozm" encode --sample
 expect_error "either --sample or an input folder" "$ozm" encode --out "$dir/x.mp4"
 expect_error "cannot read the sample mesh" "$ozm" encode --sample --sample-mesh "$dir/none.mesh" --out "$dir/x.mp4"
-expect_error "HLS output is not supported yet" "$ozm" encode "${small[@]}" --out "$dir/x.m3u8"
+expect_error "segment-seconds" "$ozm" encode "${small[@]}" --segment-seconds 0 --out "$dir/x.m3u8"
+expect_error "cannot write $dir/no/such/folder/x.m3u8" "$ozm" encode "${small[@]}" --out "$dir/no/such/folder/x.m3u8"
 expect_error "WIDTHxHEIGHT" "$ozm" encode "${base[@]}" --size 100 --out "$dir/x.mp4"
 expect_error "even" "$ozm" encode "${base[@]}" --size 101x100 --out "$dir/x.mp4"
 expect_error "inter-coding" "$ozm" encode "${small[@]}" --inter-coding 6 --out "$dir/x.mp4"
@@ -99,7 +124,8 @@ expect_error "1 pictures for 2 frames" "$ozm" encode "$dir/few" --texture "$dir/
 expect_error "does not exist" "$ozm" encode "$dir/few" --texture "$dir/none.png" --out "$dir/x.mp4"
 expect_error "cannot open $dir/text.mp4" "$ozm" encode "$dir/few" --texture "$dir/text.mp4" --out "$dir/x.mp4"
 expect_error "cannot write" "$ozm" encode "${small[@]}" --out "$dir/no/such/folder/x.mp4"
-[ ! -e "$dir/x.mp4" ] || fail "a failed encode left $dir/x.mp4 behind"
+[ ! -e "$dir/x.mp4" ] && [ ! -e "$dir/x.m3u8" ] && [ -z "$(ls "$dir"/x_*.ts 2>/dev/null)" ] ||
+  fail "a failed encode left $dir/x.* behind"
 
 expect_error "HLS input is not supported yet" "$ozm" inspect "$dir/list.m3u8"
 expect_error "cannot open $dir/missing.mp4" "$ozm" inspect "$dir/missing.mp4"

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -9,8 +10,10 @@
 #include "OzmCore/encode/MeshNalWriter.h"
 #include "OzmCore/encode/SequenceEncoder.h"
 #include "OzmCore/encode/XtraWriter.h"
+#include "tools/ozm/Format.h"
 #include "tools/ozm/MeshFiles.h"
 #include "tools/ozm/Sample.h"
+#include "tools/ozm/media/HlsWriter.h"
 #include "tools/ozm/media/Mp4Writer.h"
 #include "tools/ozm/media/PictureReader.h"
 #include "tools/ozm/media/VideoEncoder.h"
@@ -187,6 +190,13 @@ void CheckOptions(const EncodeOptions& o) {
   if (o.fps < 1 || o.fps > 240) throw ToolError("frames per second must be 1 to 240");
   if (o.frames < 0) throw ToolError("the frame count cannot be negative");
   if (o.width < 0 || o.height < 0 || o.width % 2 || o.height % 2) throw ToolError("the texture size must be even");
+  if (!(o.segmentSeconds > 0 && o.segmentSeconds <= 3600)) throw ToolError("the segment length must be 0 to 3600 s");
+}
+
+// Frames of an HLS segment: the asked length rounded to whole key-frame intervals, at least one.
+int SegmentFrames(const EncodeOptions& o) {
+  const double groups = o.segmentSeconds * o.fps / o.keyInterval;
+  return o.keyInterval * std::max(1, static_cast<int>(std::lround(groups)));
 }
 
 }  // namespace
@@ -210,6 +220,9 @@ EncodeSummary Encode(const EncodeOptions& o, const ProgressFn& progress) {
   settings.bitrateKbps = o.bitrateKbps;
   settings.crf = o.crf;
   settings.preset = o.preset;
+  const bool hls = IsPlaylist(o.out);
+  // A transport stream has no sample description: the parameter sets travel in every key frame.
+  settings.globalHeader = !hls;
   if (o.width > 0 && o.height > 0) {
     settings.width = o.width;
     settings.height = o.height;
@@ -227,9 +240,17 @@ EncodeSummary Encode(const EncodeOptions& o, const ProgressFn& progress) {
   summary.fps = o.fps;
   summary.frames = count;
   summary.durationSeconds = static_cast<double>(count) / o.fps;
+  summary.hls = hls;
+  summary.segmentFrames = hls ? SegmentFrames(o) : 0;
 
   VideoEncoder video(settings);
-  Mp4Writer writer(o.out, video.Context());
+  std::unique_ptr<Mp4Writer> mp4;
+  std::unique_ptr<HlsWriter> stream;
+  if (hls) {
+    stream = std::make_unique<HlsWriter>(o.out, video.Context(), static_cast<double>(summary.segmentFrames) / o.fps);
+  } else {
+    mp4 = std::make_unique<Mp4Writer>(o.out, video.Context());
+  }
 
   OzmEncode::SequenceOptions sequence;
   sequence.keyFrameInterval = static_cast<uint32_t>(o.keyInterval);
@@ -245,19 +266,35 @@ EncodeSummary Encode(const EncodeOptions& o, const ProgressFn& progress) {
   // Mesh units waiting for their picture to come out of the encoder, by pts.
   std::map<int64_t, std::vector<uint8_t>> waiting;
   const VideoCodec codec = o.codec;
+  int64_t lastPts = -1;
   auto write = [&](AVPacket* packet) {
     auto it = waiting.find(packet->pts);
     if (it == waiting.end()) throw ToolError("the picture encoder returned a picture that was never sent");
-    const std::vector<uint8_t> au =
+    if (packet->pts <= lastPts) throw ToolError("the picture encoder returned pictures out of order");
+    lastPts = packet->pts;
+    std::vector<uint8_t> au =
         InsertBeforeFirstPicture(codec, packet->data, static_cast<size_t>(packet->size), it->second);
-    summary.pictureBytes += StoredSize(packet->data, static_cast<size_t>(packet->size));
-    summary.meshBytes += it->second.size() + 1;  // a 4-byte length field instead of the 3-byte start code
+    if (hls) {
+      // Every access unit of the transport stream starts with its delimiter. Decode order is
+      // presentation order, so the PES headers carry the presentation time only.
+      au = WithDelimiter(codec, std::move(au));
+      packet->dts = packet->pts;
+      summary.pictureBytes += au.size() - it->second.size();
+      summary.meshBytes += it->second.size();
+    } else {
+      summary.pictureBytes += StoredSize(packet->data, static_cast<size_t>(packet->size));
+      summary.meshBytes += it->second.size() + 1;  // a 4-byte length field instead of the 3-byte start code
+    }
     waiting.erase(it);
     Av::PacketPtr out = Av::NewPacket();
     Av::Check(av_new_packet(out.get(), static_cast<int>(au.size())), "packet");
     std::copy(au.begin(), au.end(), out->data);
     Av::Check(av_packet_copy_props(out.get(), packet), "packet");
-    writer.Write(out.get());
+    if (hls) {
+      stream->Write(out.get(), packet->pts % summary.segmentFrames == 0);
+    } else {
+      mp4->Write(out.get());
+    }
   };
 
   OzmEncode::XtraAttributes attributes;
@@ -306,11 +343,21 @@ EncodeSummary Encode(const EncodeOptions& o, const ProgressFn& progress) {
     throw ToolError("the picture encoder dropped " + std::to_string(waiting.size()) + " of " + std::to_string(count) +
                     " pictures");
   }
-  writer.Finish();
-
-  // The attribute block closes the file: players read it from the last kilobyte.
-  const std::vector<uint8_t> block = OzmEncode::WriteXtraBlock(attributes);
-  Mp4Writer::Append(o.out, block);
+  std::error_code ec;
+  if (hls) {
+    // No attribute block: a player of the stream learns the same facts from the stream itself.
+    stream->Finish();
+    summary.segments = stream->Segments();
+    summary.fileBytes = fs::file_size(o.out, ec);
+    for (const std::string& segment : summary.segments) summary.fileBytes += fs::file_size(segment, ec);
+  } else {
+    mp4->Finish();
+    // The attribute block closes the file: players read it from the last kilobyte.
+    const std::vector<uint8_t> block = OzmEncode::WriteXtraBlock(attributes);
+    Mp4Writer::Append(o.out, block);
+    summary.attributeBytes = block.size();
+    summary.fileBytes = fs::file_size(o.out, ec);
+  }
 
   summary.maxVertices = attributes.maxVertexCount;
   summary.maxIndices = attributes.maxIndexCount;
@@ -318,9 +365,6 @@ EncodeSummary Encode(const EncodeOptions& o, const ProgressFn& progress) {
     summary.bboxMin[a] = attributes.bboxMin[a];
     summary.bboxMax[a] = attributes.bboxMax[a];
   }
-  summary.attributeBytes = block.size();
-  std::error_code ec;
-  summary.fileBytes = fs::file_size(o.out, ec);
   const uint64_t known = summary.pictureBytes + summary.meshBytes + summary.attributeBytes;
   summary.containerBytes = summary.fileBytes > known ? summary.fileBytes - known : 0;
   summary.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

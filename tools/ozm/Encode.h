@@ -1,18 +1,20 @@
-// ozm encode: a mesh sequence and its texture pictures become a volumetric MP4. Every access unit of
-// the video track carries that picture's mesh in one mesh NAL unit, and the file ends with the
-// attribute block.
+// ozm encode: a mesh sequence and its texture pictures become a volumetric MP4 or HLS stream. Every
+// access unit of the video track carries that picture's mesh in one mesh NAL unit. An MP4 file ends
+// with the attribute block; an HLS stream (out ends in .m3u8) is a media playlist with MPEG-TS
+// segments that each start with a key frame of picture and mesh.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "tools/ozm/media/NalUnits.h"
 
 namespace OzmTool {
 
 struct EncodeOptions {
-  std::string out;
+  std::string out;  // .mp4, or .m3u8 for HLS
   // Mesh input: the built-in sample (its mesh file may be given), or a folder of mesh files.
   bool sample = false;
   std::string sampleMesh;  // empty: Sample::DefaultMeshPath()
@@ -34,6 +36,8 @@ struct EncodeOptions {
   int bitrateKbps = 0;        // 0: constant quality
   int crf = 23;
   std::string preset = "medium";
+  // HLS: the segment length, rounded to a whole number (at least one) of key-frame intervals.
+  double segmentSeconds = 2;
 };
 
 struct EncodeSummary {
@@ -43,9 +47,12 @@ struct EncodeSummary {
   int frames = 0;
   int meshKeyFrames = 0;
   double durationSeconds = 0;
-  uint64_t fileBytes = 0;
-  uint64_t pictureBytes = 0;  // picture units as stored (with their length fields)
-  uint64_t meshBytes = 0;     // mesh units as stored
+  bool hls = false;
+  std::vector<std::string> segments;  // HLS: the segment files, in order
+  int segmentFrames = 0;              // HLS: frames a segment (the last may have fewer)
+  uint64_t fileBytes = 0;             // HLS: the playlist and its segments
+  uint64_t pictureBytes = 0;          // picture units as stored (MP4: with length fields; HLS: with start codes)
+  uint64_t meshBytes = 0;             // mesh units as stored
   uint64_t attributeBytes = 0;
   uint64_t containerBytes = 0;  // everything else: sample tables, headers
   uint64_t triangles = 0;       // over all frames

@@ -24,7 +24,7 @@ const char* CodecName(VideoCodec c) { return c == VideoCodec::H264 ? "h264" : "h
 
 nlohmann::json ToJson(const EncodeSummary& s) {
   const double meshBits = 8.0 * static_cast<double>(s.meshBytes);
-  return {
+  nlohmann::json j = {
       {"file", s.path},
       {"frames", s.frames},
       {"fps", s.fps},
@@ -50,6 +50,11 @@ nlohmann::json ToJson(const EncodeSummary& s) {
         {"bbox_max", {s.bboxMax[0], s.bboxMax[1], s.bboxMax[2]}}}},
       {"seconds", s.seconds},
   };
+  if (s.hls) {
+    j["segments"] = {{"files", s.segments}, {"frames_each", s.segmentFrames}};
+    j["bytes"].erase("attributes");
+  }
+  return j;
 }
 
 void PrintSummary(const EncodeSummary& s) {
@@ -57,11 +62,19 @@ void PrintSummary(const EncodeSummary& s) {
   auto mbps = [seconds](uint64_t bytes) { return 8.0 * static_cast<double>(bytes) / seconds / 1e6; };
   std::printf("wrote %s: %d frames, %.2f s at %d fps, %s texture %dx%d\n", s.path.c_str(), s.frames, s.durationSeconds,
               s.fps, s.codec == VideoCodec::H264 ? "H.264" : "HEVC", s.width, s.height);
-  std::printf("  file        %14s bytes\n", Thousands(s.fileBytes).c_str());
+  if (s.hls) {
+    std::printf("  segments    %14zu         %d frames (%.2f s) each, next to the playlist\n", s.segments.size(),
+                s.segmentFrames, static_cast<double>(s.segmentFrames) / s.fps);
+    std::printf("  files       %14s bytes  (the playlist and its segments)\n", Thousands(s.fileBytes).c_str());
+  } else {
+    std::printf("  file        %14s bytes\n", Thousands(s.fileBytes).c_str());
+  }
   std::printf("  pictures    %14s bytes  %6.2f Mbit/s\n", Thousands(s.pictureBytes).c_str(), mbps(s.pictureBytes));
   std::printf("  meshes      %14s bytes  %6.2f Mbit/s, %d key frames\n", Thousands(s.meshBytes).c_str(),
               mbps(s.meshBytes), s.meshKeyFrames);
-  std::printf("  attributes  %14s bytes  (the block at the end of the file)\n", Thousands(s.attributeBytes).c_str());
+  if (!s.hls) {
+    std::printf("  attributes  %14s bytes  (the block at the end of the file)\n", Thousands(s.attributeBytes).c_str());
+  }
   std::printf("  container   %14s bytes\n", Thousands(s.containerBytes).c_str());
   if (s.triangles && s.vertices) {
     std::printf(
@@ -77,7 +90,6 @@ void PrintSummary(const EncodeSummary& s) {
 int Run(const EncodeCommandLine& c) {
   EncodeOptions o = c.options;
   try {
-    if (IsPlaylist(o.out)) throw ToolError("HLS output is not supported yet; write an .mp4 file");
     o.codec = c.codec == "hevc" ? VideoCodec::Hevc : VideoCodec::H264;
     if (!c.size.empty()) {
       std::smatch m;
@@ -119,11 +131,13 @@ int Run(const EncodeCommandLine& c) {
 void AddEncodeCommand(CLI::App& app, std::function<int()>* run) {
   auto c = std::make_shared<EncodeCommandLine>();
   EncodeOptions& o = c->options;
-  CLI::App* cmd = app.add_subcommand("encode", "Encode a mesh sequence and its texture into a volumetric MP4");
+  CLI::App* cmd =
+      app.add_subcommand("encode", "Encode a mesh sequence and its texture into a volumetric MP4 or HLS stream");
   cmd->add_option("input", o.input, "Folder of mesh frames (OBJ, PLY, glTF, ...), read in natural order");
   cmd->add_flag("--sample", o.sample, "Encode the built-in animated sample instead (300 frames at 30 fps)");
   cmd->add_option("--sample-mesh", o.sampleMesh, "Mesh file of the sample (default: the generated test data)");
-  cmd->add_option("-o,--out", o.out, "Output file (.mp4)")->required();
+  cmd->add_option("-o,--out", o.out, "Output file: .mp4, or .m3u8 for HLS (MPEG-TS segments next to the playlist)")
+      ->required();
   cmd->add_option("--texture", o.texture,
                   "Texture: one picture, a folder of pictures (one a frame) or a video; default: generated");
   cmd->add_option("--frames", o.frames, "Number of frames to encode (default: all)")->check(CLI::NonNegativeNumber);
@@ -154,6 +168,10 @@ void AddEncodeCommand(CLI::App& app, std::function<int()>* run) {
       ->capture_default_str()
       ->check(CLI::IsMember(
           {"ultrafast", "superfast", "veryfast", "faster", "fast", "medium", "slow", "slower", "veryslow", "placebo"}));
+  cmd->add_option("--segment-seconds", o.segmentSeconds,
+                  "HLS segment length, rounded to whole key-frame intervals (at least one)")
+      ->capture_default_str()
+      ->check(CLI::Range(0.001, 3600.0));
   cmd->add_flag("--json", c->json, "Print the summary as JSON");
   cmd->callback([run, c] { *run = [c] { return Run(*c); }; });
 }

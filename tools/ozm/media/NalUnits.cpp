@@ -74,6 +74,25 @@ std::vector<uint8_t> InsertBeforeFirstPicture(VideoCodec codec, const uint8_t* a
   return out;
 }
 
+bool StartsWithDelimiter(VideoCodec codec, const uint8_t* au, size_t size) {
+  const std::vector<NalSpan> units = SplitAnnexB(au, size);
+  if (units.empty()) return false;
+  const int type = NalType(codec, au[units[0].begin]);
+  return codec == VideoCodec::H264 ? type == 9 : type == 35;
+}
+
+std::vector<uint8_t> WithDelimiter(VideoCodec codec, std::vector<uint8_t> au) {
+  if (StartsWithDelimiter(codec, au.data(), au.size())) return au;
+  // H.264: type 9, primary_pic_type 7 (any slice type). HEVC: type 35, layer 0, temporal id 1,
+  // pic_type 2 (any slice type). Each ends with its stop bit.
+  static const uint8_t kH264[] = {0, 0, 0, 1, 0x09, 0xF0};
+  static const uint8_t kHevc[] = {0, 0, 0, 1, 0x46, 0x01, 0x50};
+  const uint8_t* begin = codec == VideoCodec::H264 ? kH264 : kHevc;
+  const size_t size = codec == VideoCodec::H264 ? sizeof(kH264) : sizeof(kHevc);
+  au.insert(au.begin(), begin, begin + size);
+  return au;
+}
+
 size_t StoredSize(const uint8_t* au, size_t size) {
   size_t total = 0;
   for (const NalSpan& nal : SplitAnnexB(au, size)) total += 4 + (nal.end - nal.begin);

@@ -32,6 +32,14 @@ bool IsPictureUnit(VideoCodec codec, const uint8_t* unit, size_t size);
 std::vector<uint8_t> InsertBeforeFirstPicture(VideoCodec codec, const uint8_t* au, size_t size,
                                               const std::vector<uint8_t>& units);
 
+// True when the first unit of the Annex B access unit is an access-unit delimiter.
+bool StartsWithDelimiter(VideoCodec codec, const uint8_t* au, size_t size);
+
+// The access unit with a delimiter in front (with a 4-byte start code), unless it starts with one.
+// Transport streams need one at the start of every access unit: it is where a demultiplexer that
+// reads the elementary stream knows that a new one begins.
+std::vector<uint8_t> WithDelimiter(VideoCodec codec, std::vector<uint8_t> au);
+
 // Bytes that the units of an Annex B access unit take in an MP4 sample (a 4-byte length each).
 size_t StoredSize(const uint8_t* au, size_t size);
 
