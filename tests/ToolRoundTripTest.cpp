@@ -26,7 +26,7 @@
 #include "tests/data/TestMeshFiles.h"
 #include "tools/ozm/Encode.h"
 #include "tools/ozm/Export.h"
-#include "tools/ozm/Inspect.h"
+#include "tools/ozm/ClipReport.h"
 #include "tools/ozm/MeshStream.h"
 #include "tools/ozm/Sample.h"
 #include "tools/ozm/media/Av.h"

@@ -6,7 +6,7 @@
 #include "tools/ozm/Commands.h"
 #include "tools/ozm/Format.h"
 #include "tools/ozm/FrameRange.h"
-#include "tools/ozm/Inspect.h"
+#include "tools/ozm/ClipReport.h"
 #include "tools/ozm/MeshNames.h"
 #include "tools/ozm/media/Av.h"
 

@@ -1,4 +1,4 @@
-#include "tools/ozm/Inspect.h"
+#include "tools/ozm/ClipReport.h"
 
 #include <cinttypes>
 #include <cstdio>
