@@ -684,3 +684,218 @@ TEST_F(ToolRoundTrip, HlsSegmentsCarryEveryMeshInItsAccessUnit) {
 }
 
 }  // namespace
+
+// The audio track of a clip as a player gets it: the decoded samples of the first channel, timed
+// against the clip's first picture.
+struct DecodedAudio {
+  int stream = -1, videoStream = -1;
+  AVCodecID codec = AV_CODEC_ID_NONE;
+  int rate = 0, channels = 0;
+  double start = 0;          // seconds of the first sample after the first picture (negative: before)
+  double trackSeconds = -1;  // the length the container gives the track, if it gives one
+  std::vector<float> samples;
+  double Seconds() const { return rate ? static_cast<double>(samples.size()) / rate : 0; }
+};
+
+DecodedAudio DecodeAudio(const std::string& path) {
+  DecodedAudio out;
+  OzmTool::Av::InputPtr input = OzmTool::Av::OpenInput(path);
+  out.videoStream = av_find_best_stream(input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+  const AVCodec* codec = nullptr;
+  out.stream = av_find_best_stream(input.get(), AVMEDIA_TYPE_AUDIO, -1, -1, &codec, 0);
+  if (out.stream < 0 || out.videoStream < 0 || !codec) return out;
+  const AVStream* audio = input->streams[out.stream];
+  const AVStream* video = input->streams[out.videoStream];
+  out.codec = audio->codecpar->codec_id;
+  if (audio->duration != AV_NOPTS_VALUE) {
+    out.trackSeconds = static_cast<double>(audio->duration) * av_q2d(audio->time_base);
+  }
+  OzmTool::Av::CodecPtr decoder(avcodec_alloc_context3(codec));
+  avcodec_parameters_to_context(decoder.get(), audio->codecpar);
+  decoder->request_sample_fmt = AV_SAMPLE_FMT_FLTP;
+  if (avcodec_open2(decoder.get(), codec, nullptr) < 0) return out;
+  out.rate = decoder->sample_rate;
+  out.channels = decoder->ch_layout.nb_channels;
+  OzmTool::Av::PacketPtr packet = OzmTool::Av::NewPacket();
+  OzmTool::Av::FramePtr frame = OzmTool::Av::NewFrame();
+  int64_t firstPicture = AV_NOPTS_VALUE;
+  bool timed = false;
+  auto receive = [&] {
+    while (avcodec_receive_frame(decoder.get(), frame.get()) == 0) {
+      EXPECT_EQ(frame->format, AV_SAMPLE_FMT_FLTP);
+      if (!timed && frame->pts != AV_NOPTS_VALUE) {
+        out.start = frame->pts * av_q2d(audio->time_base) - static_cast<double>(out.samples.size()) / out.rate;
+        timed = true;
+      }
+      const float* first = reinterpret_cast<const float*>(frame->data[0]);
+      out.samples.insert(out.samples.end(), first, first + frame->nb_samples);
+      av_frame_unref(frame.get());
+    }
+  };
+  while (av_read_frame(input.get(), packet.get()) >= 0) {
+    if (packet->stream_index == out.videoStream && firstPicture == AV_NOPTS_VALUE) firstPicture = packet->pts;
+    if (packet->stream_index == out.stream) {
+      EXPECT_EQ(avcodec_send_packet(decoder.get(), packet.get()), 0);
+      receive();
+    }
+    av_packet_unref(packet.get());
+  }
+  avcodec_send_packet(decoder.get(), nullptr);
+  receive();
+  if (firstPicture != AV_NOPTS_VALUE) out.start -= firstPicture * av_q2d(video->time_base);
+  return out;
+}
+
+// Where sound sets in after silence: the start of the first 5 ms window above a quarter of full
+// scale that follows 100 ms of quiet, at or after `from` seconds; -1 when there is none.
+double OnsetAfter(const DecodedAudio& a, double from) {
+  const size_t window = static_cast<size_t>(a.rate / 200);
+  size_t quiet = 0;
+  for (size_t at = static_cast<size_t>(std::max(0.0, from) * a.rate); at + window <= a.samples.size(); at += window) {
+    float peak = 0;
+    for (size_t i = at; i < at + window; ++i) peak = std::max(peak, std::fabs(a.samples[i]));
+    if (peak > 0.25f && quiet >= 20) return a.start + static_cast<double>(at) / a.rate;
+    quiet = peak < 0.01f ? quiet + 1 : 0;
+  }
+  return -1;
+}
+
+// The pictures' samples of an MP4 file, in order (the other tracks' left out).
+std::vector<StoredSample> StoredVideoSamples(const std::string& path) {
+  OzmTool::Av::InputPtr input = OzmTool::Av::OpenInput(path);
+  const int video = av_find_best_stream(input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+  OzmTool::Av::PacketPtr packet = OzmTool::Av::NewPacket();
+  std::vector<StoredSample> out;
+  while (av_read_frame(input.get(), packet.get()) >= 0) {
+    if (packet->stream_index == video) {
+      out.push_back(
+          {std::vector<uint8_t>(packet->data, packet->data + packet->size), (packet->flags & AV_PKT_FLAG_KEY) != 0});
+    }
+    av_packet_unref(packet.get());
+  }
+  return out;
+}
+
+int MeshUnitsIn(const std::vector<uint8_t>& au, bool lengthPrefixed) {
+  std::vector<OzmTool::NalSpan> units;
+  if (lengthPrefixed) {
+    if (!OzmTool::SplitLengthPrefixed(au.data(), au.size(), 4, &units)) return -1;
+  } else {
+    units = OzmTool::SplitAnnexB(au.data(), au.size());
+  }
+  int count = 0;
+  for (const OzmTool::NalSpan& u : units) {
+    count += au[u.begin] == 0x18 && u.end - u.begin > 5 && std::memcmp(&au[u.begin + 1], "WELM", 4) == 0;
+  }
+  return count;
+}
+
+// An audio track rides along as the second track (MP4) or the second elementary stream (HLS): AAC
+// cut to the pictures' length, the beeps of the sample on the second marks, and the video exactly as
+// without it: one mesh unit in every picture's access unit and, in an MP4, the attribute block last.
+TEST_F(ToolRoundTrip, AnAudioTrackRidesAlongWithoutTouchingTheVideo) {
+  constexpr int kAudioFrames = 45;  // 1.5 s: beeps at 0 and 1 s
+  const std::string source = Path("source.mp4");
+  {
+    // A clip with the sample's beeps: the audio input of the cases that read a file.
+    OzmTool::EncodeOptions o = SampleOptions(source);
+    o.frames = 60;
+    o.width = o.height = 64;
+    o.sampleAudio = true;
+    OzmTool::Encode(o);
+  }
+  struct Case {
+    const char* name;
+    bool hls;
+    bool fromFile;
+  };
+  for (const Case& c :
+       {Case{"MP4, the sample's beeps", false, false}, Case{"HLS, the sample's beeps", true, false},
+        Case{"MP4, another clip's audio", false, true}, Case{"HLS, another clip's audio", true, true}}) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(Path("out"));
+    fs::create_directories(Path("out"));
+    OzmTool::EncodeOptions o = SampleOptions(Path(c.hls ? "out/clip.m3u8" : "out/clip.mp4"));
+    o.frames = kAudioFrames;
+    o.keyInterval = 15;
+    o.segmentSeconds = 0.5;
+    if (c.fromFile) {
+      o.audio = source;
+    } else {
+      o.sampleAudio = true;
+    }
+    const OzmTool::EncodeSummary summary = OzmTool::Encode(o);
+    EXPECT_TRUE(summary.audio);
+    EXPECT_EQ(summary.audioRate, 48000);
+    EXPECT_EQ(summary.audioChannels, 1);
+    EXPECT_DOUBLE_EQ(summary.audioSeconds, 1.5);
+    EXPECT_GT(summary.audioBytes, 0u);
+
+    const DecodedAudio audio = DecodeAudio(o.out);
+    EXPECT_EQ(audio.stream, 1);
+    EXPECT_EQ(audio.videoStream, 0);
+    EXPECT_EQ(audio.codec, AV_CODEC_ID_AAC);
+    EXPECT_EQ(audio.rate, 48000);
+    EXPECT_EQ(audio.channels, 1);
+    // The decoder gives whole AAC frames of 1024 samples, and a transport stream keeps the encoder's
+    // priming frame in front of the first picture; an MP4 track says where the sound ends.
+    constexpr double kAacFrame = 1024.0 / 48000;
+    EXPECT_GE(audio.Seconds(), 1.5);
+    EXPECT_LE(audio.Seconds(), 1.5 + (c.hls ? 2 : 1) * kAacFrame);
+    if (!c.hls) {
+      EXPECT_NEAR(audio.trackSeconds, 1.5, 1e-3);
+    }
+    EXPECT_NEAR(audio.start, c.hls ? -kAacFrame : 0.0, 1e-3);
+    EXPECT_NEAR(OnsetAfter(audio, 0.3), 1.0, 0.006) << "the second beep is out of step with the pictures";
+
+    if (c.hls) {
+      const std::vector<TsAccessUnit> aus = TsVideoAccessUnits(summary.segments);
+      ASSERT_EQ(aus.size(), static_cast<size_t>(kAudioFrames));
+      for (size_t i = 0; i < aus.size(); ++i) EXPECT_EQ(MeshUnitsIn(aus[i].bytes, false), 1) << "access unit " << i;
+      EXPECT_EQ(summary.segments.size(), 3u);
+      // Each segment carries the sound of its own pictures.
+      for (size_t s = 0; s < summary.segments.size(); ++s) {
+        const DecodedAudio part = DecodeAudio(summary.segments[s]);
+        EXPECT_EQ(part.stream, 1) << summary.segments[s];
+        EXPECT_NEAR(part.Seconds(), 0.5, 2 * kAacFrame) << summary.segments[s];
+      }
+    } else {
+      const std::vector<StoredSample> samples = StoredVideoSamples(o.out);
+      ASSERT_EQ(samples.size(), static_cast<size_t>(kAudioFrames));
+      for (size_t i = 0; i < samples.size(); ++i) EXPECT_EQ(MeshUnitsIn(samples[i].bytes, true), 1) << "sample " << i;
+      const std::vector<uint8_t> file = ReadFile(o.out);
+      ASSERT_GE(file.size(), 1024u);
+      EXPECT_EQ(std::string(reinterpret_cast<const char*>(&file[file.size() - summary.attributeBytes + 4]), 4), "Xtra");
+      OZMCORE::CComPtr<OzmCrossPlatform::Buffer> values(new OzmCrossPlatform::Buffer(16));
+      ASSERT_TRUE(OzmCrossPlatform::ReadXtraAttributes(&file[file.size() - 1024], 1024, values.Get()));
+      uint32_t frameCount = 0;
+      values->GetUINT32(OzmAttrib_FrameCount, &frameCount);
+      EXPECT_EQ(frameCount, static_cast<uint32_t>(kAudioFrames));
+      const OzmTool::InspectReport report = OzmTool::Inspect(o.out);
+      EXPECT_EQ(report.problems, 0);
+      EXPECT_EQ(report.frames.size(), static_cast<size_t>(kAudioFrames));
+    }
+  }
+
+  // Audio that cannot be had ends the run with a message naming the file, and leaves no output.
+  std::ofstream(Path("junk.wav")) << "not audio";
+  struct Bad {
+    std::string audio;
+    bool sampleAudio;
+    const char* message;
+  };
+  for (const Bad& b : {Bad{Path("junk.wav"), false, "cannot open"}, Bad{Path("none.wav"), false, "does not exist"},
+                       Bad{Path("out"), false, "audio input"}, Bad{source, true, "not both"}}) {
+    SCOPED_TRACE(b.audio);
+    OzmTool::EncodeOptions o = SampleOptions(Path("bad.mp4"));
+    o.audio = b.audio;
+    o.sampleAudio = b.sampleAudio;
+    try {
+      OzmTool::Encode(o);
+      ADD_FAILURE() << "accepted";
+    } catch (const OzmTool::ToolError& e) {
+      EXPECT_NE(std::string(e.what()).find(b.message), std::string::npos) << e.what();
+    }
+    EXPECT_FALSE(fs::exists(o.out));
+  }
+}

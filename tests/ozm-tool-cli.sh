@@ -58,6 +58,47 @@ for codec in h264 hevc; do
   done
 done
 
+# An AAC audio track as stream 1 of the MP4 (the sample's beeps) and of the HLS segments (3 s of a
+# stereo tone at 44.1 kHz), cut to the pictures' length; FFmpeg plays both without a message, and
+# the pictures keep their meshes.
+between() { awk -v v="$1" -v lo="$2" -v hi="$3" 'BEGIN { exit !(v >= lo && v <= hi) }'; }
+audio=$dir/audio
+mkdir -p "$audio"
+ffmpeg -nostdin -v error -f lavfi -i "sine=frequency=440:sample_rate=44100" -ac 2 -t 3 -y "$audio/tone.wav" ||
+  fail "making a tone"
+for out in "$audio/clip.mp4" "$audio/clip.m3u8"; do
+  if [ "${out##*.}" = mp4 ]; then
+    sound=(--sample-audio) rate=48000 channels=1 slack=0.001
+  else
+    # The transport stream keeps the encoder's priming frame, and its demuxer gives the last
+    # frame a whole frame's length: two AAC frames at most.
+    sound=(--audio "$audio/tone.wav") rate=44100 channels=2 slack=0.047
+  fi
+  "$ozm" encode "${small[@]}" "${sound[@]}" --segment-seconds 0.2 --out "$out" --json >"$out.json" ||
+    fail "encode with audio: $out"
+  jq -e --argjson rate "$rate" --argjson channels "$channels" '.audio.codec == "aac" and
+         .audio.sample_rate == $rate and .audio.channels == $channels and .audio.duration_seconds == 0.4 and
+         .bytes.audio > 0' "$out.json" >/dev/null || fail "audio summary: $(cat "$out.json")"
+  log=$(ffmpeg -nostdin -v error -i "$out" -f null - 2>&1) || fail "ffmpeg cannot play $out"
+  [ -z "$log" ] || fail "ffmpeg complains about $out: $log"
+  streams=$(ffprobe -v error -show_entries stream=index,codec_type,codec_name -of csv=p=0 "$out" | grep . | sort -u)
+  [ "$streams" = "$(printf '0,h264,video\n1,aac,audio')" ] || fail "streams of $out: $streams"
+  if [ "${out##*.}" = mp4 ]; then
+    length=$(ffprobe -v error -select_streams a -show_entries stream=duration -of csv=p=0 "$out")
+  else
+    # From the first packet's start to the last one's end.
+    length=$(ffprobe -v error -select_streams a -show_entries packet=pts_time,duration_time -of csv=p=0 "$out" |
+      awk -F, '$1 != "" { if (!n++) first = $1; end = $1 + $2 } END { print end - first }')
+  fi
+  between "$length" 0.399 "$(awk -v s="$slack" 'BEGIN { print 0.4 + s }')" ||
+    fail "audio of $out lasts $length s, the pictures 0.4 s"
+  [ "$(ffprobe -v error -count_packets -select_streams v -show_entries stream=nb_read_packets -of csv=p=0 "$out" |
+    grep . | sort -u)" = 12 ] || fail "picture count of $out"
+done
+out=$("$ozm" inspect "$audio/clip.mp4") || fail "inspect with audio"
+grep -q "12 of 12 access units carry one, 2 key frames" <<<"$out" && grep -q "attribute block: .* at the end of the file" <<<"$out" ||
+  fail "inspect with audio: $out"
+
 # The text summary of encode.
 out=$("$ozm" encode "${small[@]}" --out "$dir/text.mp4") || fail "encode (text)"
 grep -q "bits per triangle" <<<"$out" || fail "encode summary: $out"
@@ -124,6 +165,10 @@ expect_error "1 pictures for 2 frames" "$ozm" encode "$dir/few" --texture "$dir/
 expect_error "does not exist" "$ozm" encode "$dir/few" --texture "$dir/none.png" --out "$dir/x.mp4"
 expect_error "cannot open $dir/text.mp4" "$ozm" encode "$dir/few" --texture "$dir/text.mp4" --out "$dir/x.mp4"
 expect_error "cannot write" "$ozm" encode "${small[@]}" --out "$dir/no/such/folder/x.mp4"
+expect_error "audio input $dir/none.wav does not exist" "$ozm" encode "${small[@]}" --audio "$dir/none.wav" --out "$dir/x.mp4"
+expect_error "cannot open $dir/text.mp4" "$ozm" encode "${small[@]}" --audio "$dir/text.mp4" --out "$dir/x.m3u8"
+expect_error "$dir/plain.mp4: no audio" "$ozm" encode "${small[@]}" --audio "$dir/plain.mp4" --out "$dir/x.mp4"
+expect_error "sample-audio goes with --sample" "$ozm" encode "$dir/few" --sample-audio --out "$dir/x.mp4"
 [ ! -e "$dir/x.mp4" ] && [ ! -e "$dir/x.m3u8" ] && [ -z "$(ls "$dir"/x_*.ts 2>/dev/null)" ] ||
   fail "a failed encode left $dir/x.* behind"
 

@@ -13,6 +13,7 @@
 #include "tools/ozm/Format.h"
 #include "tools/ozm/MeshFiles.h"
 #include "tools/ozm/Sample.h"
+#include "tools/ozm/media/AudioTrack.h"
 #include "tools/ozm/media/HlsWriter.h"
 #include "tools/ozm/media/Mp4Writer.h"
 #include "tools/ozm/media/PictureReader.h"
@@ -190,6 +191,8 @@ void CheckOptions(const EncodeOptions& o) {
   if (o.fps < 1 || o.fps > 240) throw ToolError("frames per second must be 1 to 240");
   if (o.frames < 0) throw ToolError("the frame count cannot be negative");
   if (o.width < 0 || o.height < 0 || o.width % 2 || o.height % 2) throw ToolError("the texture size must be even");
+  if (o.sampleAudio && !o.sample) throw ToolError("--sample-audio goes with --sample");
+  if (o.sampleAudio && !o.audio.empty()) throw ToolError("give --audio or --sample-audio, not both");
   if (!(o.segmentSeconds > 0 && o.segmentSeconds <= 3600)) throw ToolError("the segment length must be 0 to 3600 s");
 }
 
@@ -243,14 +246,47 @@ EncodeSummary Encode(const EncodeOptions& o, const ProgressFn& progress) {
   summary.hls = hls;
   summary.segmentFrames = hls ? SegmentFrames(o) : 0;
 
+  // The audio first: a bad audio input ends the run before any output is written.
+  std::unique_ptr<AudioTrack> audio;
+  if (!o.audio.empty()) {
+    audio = std::make_unique<AudioTrack>(AudioTrack::FromFile(o.audio, summary.durationSeconds));
+  } else if (o.sampleAudio) {
+    audio = std::make_unique<AudioTrack>(AudioTrack::Beeps(summary.durationSeconds));
+  }
+  const AVCodecContext* audioContext = audio ? audio->Context() : nullptr;
+  if (audio) {
+    summary.audio = true;
+    summary.audioRate = audio->SampleRate();
+    summary.audioChannels = audio->Channels();
+    summary.audioSeconds = static_cast<double>(audio->Samples()) / audio->SampleRate();
+    summary.audioBytes = audio->Bytes();
+  }
+
   VideoEncoder video(settings);
   std::unique_ptr<Mp4Writer> mp4;
   std::unique_ptr<HlsWriter> stream;
   if (hls) {
-    stream = std::make_unique<HlsWriter>(o.out, video.Context(), static_cast<double>(summary.segmentFrames) / o.fps);
+    stream = std::make_unique<HlsWriter>(o.out, video.Context(), static_cast<double>(summary.segmentFrames) / o.fps,
+                                         audioContext);
   } else {
-    mp4 = std::make_unique<Mp4Writer>(o.out, video.Context());
+    mp4 = std::make_unique<Mp4Writer>(o.out, video.Context(), audioContext);
   }
+  // Audio packets go in ahead of the first picture that starts at or after them, so that each HLS
+  // segment holds the sound of its own pictures.
+  size_t audioNext = 0;
+  auto writeAudioBefore = [&](int64_t pts, AVRational timeBase) {
+    if (!audio) return;
+    std::vector<Av::PacketPtr>& packets = audio->Packets();
+    for (; audioNext < packets.size(); ++audioNext) {
+      AVPacket* p = packets[audioNext].get();
+      if (timeBase.num && av_compare_ts(p->pts, audioContext->time_base, pts, timeBase) >= 0) break;
+      if (hls) {
+        stream->WriteAudio(p);
+      } else {
+        mp4->WriteAudio(p);
+      }
+    }
+  };
 
   OzmEncode::SequenceOptions sequence;
   sequence.keyFrameInterval = static_cast<uint32_t>(o.keyInterval);
@@ -290,6 +326,7 @@ EncodeSummary Encode(const EncodeOptions& o, const ProgressFn& progress) {
     Av::Check(av_new_packet(out.get(), static_cast<int>(au.size())), "packet");
     std::copy(au.begin(), au.end(), out->data);
     Av::Check(av_packet_copy_props(out.get(), packet), "packet");
+    writeAudioBefore(packet->pts, video.Context()->time_base);
     if (hls) {
       stream->Write(out.get(), packet->pts % summary.segmentFrames == 0);
     } else {
@@ -343,6 +380,7 @@ EncodeSummary Encode(const EncodeOptions& o, const ProgressFn& progress) {
     throw ToolError("the picture encoder dropped " + std::to_string(waiting.size()) + " of " + std::to_string(count) +
                     " pictures");
   }
+  writeAudioBefore(0, AVRational{0, 1});  // the rest of the audio
   std::error_code ec;
   if (hls) {
     // No attribute block: a player of the stream learns the same facts from the stream itself.
@@ -365,7 +403,7 @@ EncodeSummary Encode(const EncodeOptions& o, const ProgressFn& progress) {
     summary.bboxMin[a] = attributes.bboxMin[a];
     summary.bboxMax[a] = attributes.bboxMax[a];
   }
-  const uint64_t known = summary.pictureBytes + summary.meshBytes + summary.attributeBytes;
+  const uint64_t known = summary.pictureBytes + summary.meshBytes + summary.attributeBytes + summary.audioBytes;
   summary.containerBytes = summary.fileBytes > known ? summary.fileBytes - known : 0;
   summary.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   return summary;

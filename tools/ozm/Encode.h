@@ -1,7 +1,8 @@
 // ozm encode: a mesh sequence and its texture pictures become a volumetric MP4 or HLS stream. Every
 // access unit of the video track carries that picture's mesh in one mesh NAL unit. An MP4 file ends
 // with the attribute block; an HLS stream (out ends in .m3u8) is a media playlist with MPEG-TS
-// segments that each start with a key frame of picture and mesh.
+// segments that each start with a key frame of picture and mesh. An AAC audio track may come along:
+// track 1 of the MP4, a second elementary stream of the HLS segments, cut to the video's length.
 #pragma once
 
 #include <cstdint>
@@ -36,6 +37,9 @@ struct EncodeOptions {
   int bitrateKbps = 0;        // 0: constant quality
   int crf = 23;
   std::string preset = "medium";
+  // Audio: the audio stream of a media file, or (with the sample) a beep every second; neither: none.
+  std::string audio;
+  bool sampleAudio = false;
   // HLS: the segment length, rounded to a whole number (at least one) of key-frame intervals.
   double segmentSeconds = 2;
 };
@@ -48,12 +52,16 @@ struct EncodeSummary {
   int meshKeyFrames = 0;
   double durationSeconds = 0;
   bool hls = false;
+  bool audio = false;
+  int audioRate = 0, audioChannels = 0;
+  double audioSeconds = 0;
   std::vector<std::string> segments;  // HLS: the segment files, in order
   int segmentFrames = 0;              // HLS: frames a segment (the last may have fewer)
   uint64_t fileBytes = 0;             // HLS: the playlist and its segments
   uint64_t pictureBytes = 0;          // picture units as stored (MP4: with length fields; HLS: with start codes)
   uint64_t meshBytes = 0;             // mesh units as stored
   uint64_t attributeBytes = 0;
+  uint64_t audioBytes = 0;      // AAC frames as encoded
   uint64_t containerBytes = 0;  // everything else: sample tables, headers
   uint64_t triangles = 0;       // over all frames
   uint64_t vertices = 0;        // decoded vertices over all frames

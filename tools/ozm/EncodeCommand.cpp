@@ -50,6 +50,13 @@ nlohmann::json ToJson(const EncodeSummary& s) {
         {"bbox_max", {s.bboxMax[0], s.bboxMax[1], s.bboxMax[2]}}}},
       {"seconds", s.seconds},
   };
+  if (s.audio) {
+    j["audio"] = {{"codec", "aac"},
+                  {"sample_rate", s.audioRate},
+                  {"channels", s.audioChannels},
+                  {"duration_seconds", s.audioSeconds}};
+    j["bytes"]["audio"] = s.audioBytes;
+  }
   if (s.hls) {
     j["segments"] = {{"files", s.segments}, {"frames_each", s.segmentFrames}};
     j["bytes"].erase("attributes");
@@ -72,6 +79,10 @@ void PrintSummary(const EncodeSummary& s) {
   std::printf("  pictures    %14s bytes  %6.2f Mbit/s\n", Thousands(s.pictureBytes).c_str(), mbps(s.pictureBytes));
   std::printf("  meshes      %14s bytes  %6.2f Mbit/s, %d key frames\n", Thousands(s.meshBytes).c_str(),
               mbps(s.meshBytes), s.meshKeyFrames);
+  if (s.audio) {
+    std::printf("  audio       %14s bytes  %6.2f Mbit/s, AAC %d Hz %s, %.2f s\n", Thousands(s.audioBytes).c_str(),
+                mbps(s.audioBytes), s.audioRate, s.audioChannels == 1 ? "mono" : "stereo", s.audioSeconds);
+  }
   if (!s.hls) {
     std::printf("  attributes  %14s bytes  (the block at the end of the file)\n", Thousands(s.attributeBytes).c_str());
   }
@@ -168,6 +179,10 @@ void AddEncodeCommand(CLI::App& app, std::function<int()>* run) {
       ->capture_default_str()
       ->check(CLI::IsMember(
           {"ultrafast", "superfast", "veryfast", "faster", "fast", "medium", "slow", "slower", "veryslow", "placebo"}));
+  cmd->add_option("--audio", o.audio,
+                  "AAC audio track from the audio of this file (any audio or video file), cut to the video's length");
+  cmd->add_flag("--sample-audio", o.sampleAudio,
+                "With --sample: an audio track that beeps at the start of every second");
   cmd->add_option("--segment-seconds", o.segmentSeconds,
                   "HLS segment length, rounded to whole key-frame intervals (at least one)")
       ->capture_default_str()

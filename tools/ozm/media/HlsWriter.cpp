@@ -29,7 +29,8 @@ std::string EscapePercent(const std::string& s) {
 
 }  // namespace
 
-HlsWriter::HlsWriter(const std::string& playlist, const AVCodecContext* video, double segmentSeconds)
+HlsWriter::HlsWriter(const std::string& playlist, const AVCodecContext* video, double segmentSeconds,
+                     const AVCodecContext* audio)
     : m_path(playlist), m_encoderTimeBase(video->time_base) {
   const fs::path path(playlist);
   const fs::path folder = path.parent_path().empty() ? fs::path(".") : path.parent_path();
@@ -45,6 +46,13 @@ HlsWriter::HlsWriter(const std::string& playlist, const AVCodecContext* video, d
   Av::Check(avcodec_parameters_from_context(stream->codecpar, video), "HLS track parameters");
   stream->time_base = video->time_base;
   stream->avg_frame_rate = video->framerate;
+  if (audio) {
+    AVStream* sound = avformat_new_stream(raw, nullptr);
+    if (!sound) throw ToolError("out of memory (HLS track)");
+    Av::Check(avcodec_parameters_from_context(sound->codecpar, audio), "HLS audio track parameters");
+    sound->time_base = audio->time_base;
+    m_audioTimeBase = audio->time_base;
+  }
 
   AVDictionary* options = nullptr;
   // The muxer cuts at the first key frame at or after each multiple of hls_time; Write() passes on
@@ -96,6 +104,14 @@ void HlsWriter::Write(AVPacket* packet, bool segmentStart) {
   av_packet_rescale_ts(packet, m_encoderTimeBase, stream->time_base);
   packet->stream_index = 0;
   Av::Check(av_write_frame(m_output.get(), packet), "cannot write a packet to " + m_path);
+}
+
+void HlsWriter::WriteAudio(AVPacket* packet) {
+  if (m_output->nb_streams < 2) throw ToolError(m_path + " has no audio track");
+  AVStream* stream = m_output->streams[1];
+  av_packet_rescale_ts(packet, m_audioTimeBase, stream->time_base);
+  packet->stream_index = 1;
+  Av::Check(av_write_frame(m_output.get(), packet), "cannot write audio to " + m_path);
 }
 
 void HlsWriter::Finish() {

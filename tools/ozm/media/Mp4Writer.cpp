@@ -4,7 +4,7 @@
 
 namespace OzmTool {
 
-Mp4Writer::Mp4Writer(const std::string& path, const AVCodecContext* video)
+Mp4Writer::Mp4Writer(const std::string& path, const AVCodecContext* video, const AVCodecContext* audio)
     : m_path(path), m_encoderTimeBase(video->time_base) {
   AVFormatContext* raw = nullptr;
   Av::Check(avformat_alloc_output_context2(&raw, nullptr, "mp4", path.c_str()), "cannot make an MP4 muxer");
@@ -16,6 +16,13 @@ Mp4Writer::Mp4Writer(const std::string& path, const AVCodecContext* video)
   if (video->codec_id == AV_CODEC_ID_HEVC) stream->codecpar->codec_tag = MKTAG('h', 'v', 'c', '1');
   stream->time_base = video->time_base;
   stream->avg_frame_rate = video->framerate;
+  if (audio) {
+    AVStream* sound = avformat_new_stream(raw, nullptr);
+    if (!sound) throw ToolError("out of memory (MP4 track)");
+    Av::Check(avcodec_parameters_from_context(sound->codecpar, audio), "MP4 audio track parameters");
+    sound->time_base = audio->time_base;
+    m_audioTimeBase = audio->time_base;
+  }
   const int opened = avio_open(&raw->pb, path.c_str(), AVIO_FLAG_WRITE);
   if (opened < 0) throw ToolError("cannot write " + path + ": " + Av::ErrorText(opened));
   AVDictionary* options = nullptr;
@@ -39,6 +46,14 @@ void Mp4Writer::Write(AVPacket* packet) {
   av_packet_rescale_ts(packet, m_encoderTimeBase, stream->time_base);
   packet->stream_index = 0;
   Av::Check(av_interleaved_write_frame(m_output.get(), packet), "cannot write a sample to " + m_path);
+}
+
+void Mp4Writer::WriteAudio(AVPacket* packet) {
+  if (m_output->nb_streams < 2) throw ToolError(m_path + " has no audio track");
+  AVStream* stream = m_output->streams[1];
+  av_packet_rescale_ts(packet, m_audioTimeBase, stream->time_base);
+  packet->stream_index = 1;
+  Av::Check(av_interleaved_write_frame(m_output.get(), packet), "cannot write audio to " + m_path);
 }
 
 void Mp4Writer::Finish() {
