@@ -20,8 +20,8 @@ ozm=build/host/tools/ozm
 clip=$out/bunny.mp4
 
 echo
-echo "== Encoding the built-in sample: 300 frames at 30 fps, H.264 texture, EdgeBreaker key frames, Huffman inter frames"
-"$ozm" encode --sample --out "$clip"
+echo "== Encoding the built-in sample: 300 frames at 30 fps, H.264 texture, EdgeBreaker key frames, Huffman inter frames, a beep every second as AAC audio"
+"$ozm" encode --sample --sample-audio --out "$clip"
 
 echo
 echo "== FFmpeg decodes it as ordinary video (its error log follows between the lines)"
@@ -39,7 +39,7 @@ echo "== Exporting frames 148 to 150 as glTF with their pictures"
 
 echo
 echo "== Encoding the same sample as HLS: a playlist and 2-second MPEG-TS segments, each starting with a key frame"
-"$ozm" encode --sample --out "$out/hls/bunny.m3u8"
+"$ozm" encode --sample --sample-audio --out "$out/hls/bunny.m3u8"
 echo "FFmpeg plays the playlist (its error log follows between the lines)"
 echo "----"
 ffmpeg -nostdin -v error -i "$out/hls/bunny.m3u8" -f null -
