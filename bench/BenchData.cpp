@@ -24,14 +24,7 @@ bool ReadMeshFile(const std::string& name, TestMeshFiles::Mesh* file) {
 
 }  // namespace
 
-std::string DataFolder() {
-  if (const char* env = std::getenv("OZM_TEST_DATA_DIR"); env && *env) return env;
-#ifdef OZM_TEST_DATA_DIR
-  return OZM_TEST_DATA_DIR;
-#else
-  return "build/test-data";
-#endif
-}
+std::string DataFolder() { return TestMeshFiles::Folder(); }
 
 void SphericalUVs(OzmEncode::Mesh* mesh) {
   const OzmEncode::Box box = OzmEncode::BoundsOf(mesh->positions);
