@@ -138,6 +138,13 @@ HRESULT BufferAllocator::ReleaseBuffer(IOzmBuffer* buffer) {
 Stream::Stream(std::unique_ptr<uint8_t[]> data, uint32_t size, uint32_t position)
     : m_data(std::move(data)), m_position(position), m_size(size) {}
 
+Stream* Stream::CopyOf(const uint8_t* data, uint32_t size) {
+  std::unique_ptr<uint8_t[]> copy(new (std::nothrow) uint8_t[size > 0 ? size : 1]);
+  if (!copy) return nullptr;
+  if (size > 0) std::memcpy(copy.get(), data, size);
+  return new (std::nothrow) Stream(std::move(copy), size, 0);
+}
+
 HRESULT Stream::QueryInterface(const _GUID&, void** out) {
   if (!out) return E_POINTER;
   *out = nullptr;

@@ -160,6 +160,9 @@ class Stream final : public IStream, public RefCounted {
  public:
   // Takes ownership of data[0..size). The reference count starts at 0: the creator takes the first.
   Stream(std::unique_ptr<uint8_t[]> data, uint32_t size, uint32_t position);
+  // A stream over a copy of size bytes, reading from position 0; null when memory runs out. The
+  // reference count is 0, as for the constructor.
+  static Stream* CopyOf(const uint8_t* data, uint32_t size);
 
   HRESULT QueryInterface(const _GUID& iid, void** out) override;
   uint32_t AddRef() override { return AddRefImpl(); }

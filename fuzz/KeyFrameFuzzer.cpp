@@ -14,10 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) return 0;
   // The first byte picks the reader's output format; the rest is the mesh payload.
   const unsigned flags = (data[0] & 1 ? 0x02u : 0u) | (data[0] & 2 ? 0x08u : 0u);
-  std::unique_ptr<uint8_t[]> copy(new uint8_t[size]);
-  std::memcpy(copy.get(), data + 1, size - 1);
   OZMCORE::CComPtr<OzmCrossPlatform::Stream> stream(
-      new OzmCrossPlatform::Stream(std::move(copy), static_cast<uint32_t>(size - 1), 0));
+      OzmCrossPlatform::Stream::CopyOf(data + 1, static_cast<uint32_t>(size - 1)));
 
   OZMCORE::CComPtr<OzmCrossPlatform::BufferAllocator> allocator(new OzmCrossPlatform::BufferAllocator);
   Ozm::COzmMeshReader reader;

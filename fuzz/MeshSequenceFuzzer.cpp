@@ -24,11 +24,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   while (at + 2 <= size) {
     const size_t length = std::min<size_t>(data[at] | data[at + 1] << 8, size - at - 2);
     at += 2;
-    std::unique_ptr<uint8_t[]> copy(new uint8_t[length + 1]);
-    std::memcpy(copy.get(), data + at, length);
-    at += length;
     OZMCORE::CComPtr<OzmCrossPlatform::Stream> stream(
-        new OzmCrossPlatform::Stream(std::move(copy), static_cast<uint32_t>(length), 0));
+        OzmCrossPlatform::Stream::CopyOf(data + at, static_cast<uint32_t>(length)));
+    at += length;
+    if (!stream) continue;
     stream->SetTimestamp(timestamp);
     timestamp += 33333333;
     // Every frame the reader accepts must copy into engine memory without reading out of bounds.

@@ -13,10 +13,8 @@
 namespace {
 
 OZMCORE::CComPtr<OzmCrossPlatform::Stream> StreamOver(const uint8_t* data, size_t size) {
-  std::unique_ptr<uint8_t[]> copy(new uint8_t[size + 1]);
-  if (size) std::memcpy(copy.get(), data, size);
   return OZMCORE::CComPtr<OzmCrossPlatform::Stream>(
-      new OzmCrossPlatform::Stream(std::move(copy), static_cast<uint32_t>(size), 0));
+      OzmCrossPlatform::Stream::CopyOf(data, static_cast<uint32_t>(size)));
 }
 
 bool SameFields(const CStreamingMeshHeader& a, const CStreamingMeshHeader& b) {

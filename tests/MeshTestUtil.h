@@ -53,10 +53,8 @@ struct Reader {
 };
 
 inline OZMCORE::CComPtr<OzmCrossPlatform::Stream> StreamOver(const std::vector<uint8_t>& bytes) {
-  std::unique_ptr<uint8_t[]> data(new uint8_t[bytes.size() + 1]);
-  if (!bytes.empty()) std::memcpy(data.get(), bytes.data(), bytes.size());
   return OZMCORE::CComPtr<OzmCrossPlatform::Stream>(
-      new OzmCrossPlatform::Stream(std::move(data), static_cast<uint32_t>(bytes.size()), 0));
+      OzmCrossPlatform::Stream::CopyOf(bytes.data(), static_cast<uint32_t>(bytes.size())));
 }
 
 inline std::vector<uint8_t> Contents(IOzmBuffer* buffer) {

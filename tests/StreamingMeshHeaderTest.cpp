@@ -16,9 +16,7 @@ using OzmCrossPlatform::Stream;
 namespace {
 
 OZMCORE::CComPtr<Stream> StreamOver(const Bytes& bytes) {
-  std::unique_ptr<uint8_t[]> data(new uint8_t[bytes.size() + 1]);
-  if (!bytes.empty()) std::memcpy(data.get(), bytes.data(), bytes.size());
-  return OZMCORE::CComPtr<Stream>(new Stream(std::move(data), static_cast<uint32_t>(bytes.size()), 0));
+  return OZMCORE::CComPtr<Stream>(Stream::CopyOf(bytes.data(), static_cast<uint32_t>(bytes.size())));
 }
 
 // Little-endian 32-bit values as bytes, for readable expectations.

@@ -570,12 +570,10 @@ bool SequenceEncoder::Encode(const Mesh& frame, uint32_t frameId, EncodedFrame* 
   for (const auto& bytes : partPayloads) out->payload.insert(out->payload.end(), bytes.begin(), bytes.end());
 
   // Closed loop: decode what was made, exactly as a player will, to advance the history.
-  std::unique_ptr<uint8_t[]> copy(new uint8_t[out->payload.size() + 1]);
-  std::memcpy(copy.get(), out->payload.data(), out->payload.size());
   OZMCORE::CComPtr<OzmCrossPlatform::Stream> stream(
-      new OzmCrossPlatform::Stream(std::move(copy), static_cast<uint32_t>(out->payload.size()), 0));
+      OzmCrossPlatform::Stream::CopyOf(out->payload.data(), static_cast<uint32_t>(out->payload.size())));
   OZMCORE::CComPtr<IOzmBuffer> vb, ib;
-  if (OZM_FAILED(s.reader.ReadMesh(stream, 0, &vb, &ib))) {
+  if (!stream || OZM_FAILED(s.reader.ReadMesh(stream, 0, &vb, &ib))) {
     OZM_LOGE("SequenceEncoder: the decoder refused frame %u", frameId);
     return false;
   }
