@@ -1,6 +1,7 @@
 // One decoded mesh waiting to be shown, and its copy into the engine's vertex and index buffers.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -56,6 +57,11 @@ class MeshFrame {
   const double* BBoxMin() const { return m_bboxMin; }
   const double* BBoxMax() const { return m_bboxMax; }
   bool Copied() const { return !m_vertexBuffer && !m_indexBuffer; }
+  // The index buffer object: frames that share their topology share it. Null once copied.
+  IOzmBuffer* IndexBuffer() const { return m_indexBuffer.Get(); }
+  // Counts one more showing of the frame and returns how often it was shown before.
+  uint32_t AddDraw() { return m_drawCount.fetch_add(1); }
+  uint32_t DrawCount() const { return m_drawCount.load(); }
 
  private:
   OZMCORE::CComPtr<IOzmBuffer> m_vertexBuffer;
@@ -67,6 +73,7 @@ class MeshFrame {
   double m_bboxMin[3] = {0, 0, 0};
   double m_bboxMax[3] = {0, 0, 0};
   long long m_timestamp = 0;  // nanoseconds, as the sample had it
+  std::atomic<uint32_t> m_drawCount{0};  // read by the script thread, counted by the render thread
   uint32_t m_isKeyFrame = 0;
 };
 

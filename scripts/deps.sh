@@ -15,6 +15,8 @@ packages=(
   # the ozm tool
   libcli11-dev nlohmann-json3-dev libassimp-dev libpng-dev
   libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
+  # the host backend of the plug-in: EGL and GLES headers, Mesa's software renderer
+  libegl-dev libgles-dev libegl-mesa0 libgl1-mesa-dri
   # the ffmpeg command line and jq, which the tool tests check files and reports with
   ffmpeg jq
 )

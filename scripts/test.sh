@@ -2,6 +2,7 @@
 # Sets everything up and runs the whole test suite:
 #   host      the unit and integration tests (gcc, optimised with debug info)
 #   host-asan the same under AddressSanitizer and UndefinedBehaviorSanitizer
+#   host-tsan the tests of the player's threads, its ports and end-to-end playback under ThreadSanitizer
 #   fuzz      every fuzz target for a short fixed number of libFuzzer iterations (clang)
 # Test data (build/test-data) is generated first by scripts/test-data.sh.
 # Choose other presets with OZM_TEST_PRESETS="host fuzz".
@@ -13,17 +14,24 @@ scripts/deps.sh
 cmake --preset host >/dev/null
 scripts/test-data.sh build/host
 
-presets=${OZM_TEST_PRESETS:-host host-asan fuzz}
+presets=${OZM_TEST_PRESETS:-host host-asan host-tsan fuzz}
 jobs=$(nproc 2>/dev/null || echo 2)
 total=0
 failed=0
 for preset in $presets; do
   echo "== $preset: configure and build"
   cmake --preset "$preset" >/dev/null
-  cmake --build --preset "$preset" -j "$jobs"
+  targets=()
+  select=()
+  if [ "$preset" = host-tsan ]; then
+    # Only what runs threads is worth the slow instrumented build.
+    targets=(--target ozm_player_tests ozm_platform_tests ozm_playback_tests)
+    select=(-L threads)
+  fi
+  cmake --build --preset "$preset" -j "$jobs" "${targets[@]}"
   echo "== $preset: tests"
   log=$(mktemp)
-  if ctest --preset "$preset" -j "$jobs" 2>&1 | tee "$log" | grep -E '^ *[0-9]+/[0-9]+ Test|tests passed|tests failed|\*\*\*'; then :; fi
+  if ctest --preset "$preset" -j "$jobs" "${select[@]}" 2>&1 | tee "$log" | grep -E '^ *[0-9]+/[0-9]+ Test|tests passed|tests failed|\*\*\*'; then :; fi
   summary=$(grep -E 'tests passed, [0-9]+ tests failed out of [0-9]+' "$log" || true)
   rm -f "$log"
   if [ -z "$summary" ]; then

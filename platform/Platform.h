@@ -1,0 +1,107 @@
+// The process-wide platform: everything the player reaches outside portable C++ and GL, as ports
+// whose semantics copy the Android services (and Java objects) they stand for. The Android backend
+// makes the NDK and JNI calls; the host backend uses FFmpeg, Mesa EGL and plain files. Tests swap in
+// a platform of their own with SetPlatform.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "platform/Media.h"
+
+namespace OzmPlatform {
+
+// Android's SurfaceTexture: the consumer side of a video decoder's output, bound to a
+// GL_TEXTURE_EXTERNAL_OES texture. A picture released to its window at a time becomes available at
+// that time and is announced through the frame-available handler, on a thread of the platform.
+class SurfaceTexture {
+ public:
+  virtual ~SurfaceTexture() = default;
+  // Latches the newest available picture into the external texture. Render thread only, with a GL
+  // context current that shares objects with the one that made the texture.
+  virtual void UpdateTexImage() = 0;
+  // The timestamp (ns) of the latched picture: exactly the time it was released at.
+  virtual int64_t GetTimestamp() = 0;
+};
+
+// Called when a surface texture has a new picture; set once by the plug-in.
+using FrameAvailableHandler = void (*)(SurfaceTexture* texture);
+void SetFrameAvailableHandler(FrameAvailableHandler handler);
+// For backends: announces a new picture of `texture`.
+void NotifyFrameAvailable(SurfaceTexture* texture);
+
+// Android's AudioTrack in streaming mode, 16-bit interleaved PCM.
+class AudioTrack {
+ public:
+  virtual ~AudioTrack() = default;
+  // Blocks while the track's buffer is full (it drains at the playback rate). Returns the bytes
+  // taken, or a negative error.
+  virtual int Write(const uint8_t* data, size_t size) = 0;
+  virtual void Play() = 0;
+  virtual void Pause() = 0;
+  virtual void Stop() = 0;
+  virtual void Flush() = 0;
+  virtual void Release() = 0;
+  // 0 on success.
+  virtual int SetVolume(float volume) = 0;
+  virtual int SetPlaybackRate(int sampleRateHz) = 0;
+};
+
+// An application asset (AAsset); closed on destruction.
+class Asset {
+ public:
+  virtual ~Asset() = default;
+  // A descriptor onto the file that holds the asset, with the asset's range in it; below 1 when
+  // the asset cannot be reached that way (compressed).
+  virtual int OpenFileDescriptor(int64_t* start, int64_t* length) = 0;
+  // -1 on failure, else the new position.
+  virtual int64_t Seek(int64_t offset, int whence) = 0;
+  virtual int Read(void* buffer, size_t count) = 0;
+};
+
+// What the Java side hands over for a file it opened (AssetFileDescriptor): the descriptor and the
+// range of the file within it.
+struct AssetFileDescriptor {
+  int fd = -1;
+  int64_t startOffset = 0;
+  int64_t length = 0;
+};
+
+class Platform {
+ public:
+  virtual ~Platform() = default;
+
+  // Java VM attachment of the calling thread (kept until Detach). False when it fails.
+  virtual bool AttachCurrentThread() = 0;
+  virtual void DetachCurrentThread() = 0;
+
+  virtual std::unique_ptr<MediaExtractor> NewMediaExtractor() = 0;
+  // Null when no decoder handles the type.
+  virtual std::unique_ptr<MediaCodec> CreateDecoderByType(const char* mime) = 0;
+
+  // The plug-in's Java methods. Null results mean the Java side could not make the object.
+  virtual std::shared_ptr<SurfaceTexture> CreateSurfaceTexture(unsigned int externalTexture) = 0;
+  virtual std::shared_ptr<NativeWindow> CreateSurfaceTextureSurface(SurfaceTexture& texture) = 0;
+  virtual void ReleaseSurfaceTexture(SurfaceTexture& texture) = 0;
+  // 16-bit PCM with the given channel count (a device may choose its own layout).
+  virtual std::unique_ptr<AudioTrack> CreateAudioTrack(int sampleRateHz, int channelCount) = 0;
+  // The expansion-archive route exists only when the Java side offers it.
+  virtual bool HasObbRoute() = 0;
+  virtual bool GetAssetFileDescriptorFromObb(const char* path, AssetFileDescriptor* out) = 0;
+  virtual bool GetAssetFileDescriptorAndroid10(const char* path, AssetFileDescriptor* out) = 0;
+  // Null when there is no such asset.
+  virtual std::unique_ptr<Asset> OpenAsset(const char* path) = 0;
+
+  // The EGL display the player makes its contexts on, taken on the render thread when the engine
+  // hands over its graphics device (the engine's context is current then).
+  virtual void* CaptureEglDisplay() = 0;
+};
+
+// The platform in use: the backend of this build unless a test installed another.
+Platform& GetPlatform();
+// Installs a platform (null restores the backend's); returns the previous one. Not for use while
+// players exist.
+Platform* SetPlatform(Platform* platform);
+
+}  // namespace OzmPlatform

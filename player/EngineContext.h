@@ -1,0 +1,29 @@
+// Process-wide facts shared between the engine hooks and the players: the engine's EGL display,
+// context and client version (taken when the engine hands over its graphics device), and the table
+// that maps surface textures to the players they feed.
+#pragma once
+
+#include <vector>
+
+#include "platform/Platform.h"
+
+class LumoObject;
+
+struct EngineGraphics {
+  void* display = nullptr;
+  void* context = nullptr;
+  int clientVersion = 0;
+};
+
+void SetEngineGraphics(const EngineGraphics& graphics);
+EngineGraphics GetEngineGraphics();
+
+// Surface texture → player. Mesh threads add and remove their player's entry; the frame callback
+// looks players up from a platform thread.
+void AddSurfaceTextureEntry(OzmPlatform::SurfaceTexture* texture, LumoObject* player);
+// False when the texture has no entry.
+bool RemoveSurfaceTextureEntry(OzmPlatform::SurfaceTexture* texture);
+// Raises the frame-available flag of the texture's player; false when no player has the texture.
+bool SignalFrameAvailable(OzmPlatform::SurfaceTexture* texture);
+// The players in table order (for tests of the table).
+std::vector<LumoObject*> SurfaceTexturePlayers();

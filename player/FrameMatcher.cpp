@@ -1,0 +1,24 @@
+#include "player/FrameMatcher.h"
+
+FrameAdvance AdvanceToPicture(std::deque<std::shared_ptr<Ozm::MeshFrame>>& queue,
+                              std::shared_ptr<Ozm::MeshFrame>& current, int64_t pictureTimestamp, bool pendingRestart,
+                              int64_t restartThreshold) {
+  FrameAdvance result;
+  if (pendingRestart && current && current->Timestamp() - pictureTimestamp > restartThreshold) {
+    while (!queue.empty()) {
+      current = std::move(queue.front());
+      queue.pop_front();
+      ++result.slotsBack;
+      ++result.discarded;
+      if (current->Timestamp() - pictureTimestamp <= restartThreshold) break;
+    }
+    result.restartHandled = result.discarded > 0;
+  }
+  while (!queue.empty()) {
+    if (current && current->Timestamp() >= pictureTimestamp) break;
+    current = std::move(queue.front());
+    queue.pop_front();
+    ++result.slotsBack;
+  }
+  return result;
+}

@@ -1,0 +1,82 @@
+// Volumetric clips for the player's tests, made with the ozm encoder from the built-in sample and
+// kept in the build folder: a clip is encoded once per build and options, then reused by every test
+// and test process that asks for the same one.
+#pragma once
+
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "tests/data/TestMeshFiles.h"
+#include "tools/ozm/Encode.h"
+#include "tools/ozm/media/Av.h"
+
+namespace ClipFixtures {
+
+struct ClipSpec {
+  int frames = 24;
+  int size = 128;  // square texture
+  OzmTool::VideoCodec codec = OzmTool::VideoCodec::H264;
+  int interCoding = 7;  // 0: key frames only
+  bool temporal = false;
+  bool normals = false;
+  bool audio = false;
+  int keyInterval = 12;
+  std::string container = "mp4";  // or "m3u8"
+
+  std::string Name() const {
+    return std::string(codec == OzmTool::VideoCodec::H264 ? "h264" : "hevc") + "-f" + std::to_string(frames) + "-s" +
+           std::to_string(size) + "-c" + std::to_string(interCoding) + (temporal ? "-t" : "") + (normals ? "-n" : "") +
+           (audio ? "-a" : "") + "-k" + std::to_string(keyInterval);
+  }
+};
+
+inline std::string SampleMeshPath() { return TestMeshFiles::Folder() + "/bunny-loop2.mesh"; }
+inline bool HaveSampleMesh() { return std::filesystem::exists(SampleMeshPath()); }
+
+// Where the clips are kept.
+inline std::filesystem::path Folder() { return std::filesystem::path(TestMeshFiles::Folder()) / "clips"; }
+
+// The clip's path, encoding it first when it is not there yet. Concurrent test processes wait for
+// each other through a lock file; a clip is written under a temporary name and renamed when done.
+inline std::string Clip(const ClipSpec& spec) {
+  namespace fs = std::filesystem;
+  const fs::path dir = Folder() / spec.Name();
+  const fs::path path = dir / ("clip." + spec.container);
+  fs::create_directories(Folder());
+  const std::string lockPath = (Folder() / (spec.Name() + ".lock")).string();
+  const int lock = ::open(lockPath.c_str(), O_CREAT | O_RDWR, 0644);
+  if (lock >= 0) ::flock(lock, LOCK_EX);
+  if (!fs::exists(path)) {
+    const fs::path work = Folder() / (spec.Name() + ".part");
+    fs::remove_all(work);
+    fs::create_directories(work);
+    OzmTool::Av::QuietLibraryLogs();
+    OzmTool::EncodeOptions o;
+    o.out = (work / ("clip." + spec.container)).string();
+    o.sample = true;
+    o.sampleMesh = SampleMeshPath();
+    o.frames = spec.frames;
+    o.width = o.height = spec.size;
+    o.codec = spec.codec;
+    o.interCoding = spec.interCoding;
+    o.temporal = spec.temporal;
+    o.normals = spec.normals;
+    o.sampleAudio = spec.audio;
+    o.keyInterval = spec.keyInterval;
+    o.preset = "ultrafast";
+    OzmTool::Encode(o);
+    fs::remove_all(dir);
+    fs::rename(work, dir);
+  }
+  if (lock >= 0) {
+    ::flock(lock, LOCK_UN);
+    ::close(lock);
+  }
+  return path.string();
+}
+
+}  // namespace ClipFixtures
