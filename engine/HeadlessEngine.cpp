@@ -66,9 +66,9 @@ std::string PlayerStats::Summary() const {
   char text[512];
   std::snprintf(text, sizeof text,
                 "events %" PRIu64 ", frames drawn %" PRIu64 ", paired %" PRIu64 ", mismatched %" PRIu64
-                ", end-of-stream flags %" PRIu64 ", GL errors %" PRIu64
-                ", longest event %.1f ms, last frame id %u (timestamp %" PRId64 ", %u vertices, %u indices)",
-                renderEvents, framesDrawn, paired, mismatched, endOfStreamFlags, glErrors, longestEventMs,
+                ", end-of-stream flags %" PRIu64 ", GL errors %" PRIu64 ", longest event %.1f ms (event %" PRIu64
+                "), last frame id %u (timestamp %" PRId64 ", %u vertices, %u indices)",
+                renderEvents, framesDrawn, paired, mismatched, endOfStreamFlags, glErrors, longestEventMs, longestEvent,
                 lastInfo.frameId, static_cast<int64_t>(lastInfo.timestamp), lastInfo.vertexCount, lastInfo.indexCount);
   std::string out = text;
   std::string ids;
@@ -216,6 +216,7 @@ void HeadlessEngine::DestroyContext() {
 void HeadlessEngine::RenderThread(std::string* startError, std::promise<bool>* started) {
   bool ok = MakeContext(startError);
   if (ok) {
+    m_callStart.store(Now());
     m_currentCall.store("UnitySetGraphicsDevice");
     m_api.UnitySetGraphicsDevice(nullptr, kDeviceTypeGles3, kDeviceEventInitialize);
     m_currentCall.store(nullptr);
@@ -251,6 +252,7 @@ void HeadlessEngine::RenderThread(std::string* startError, std::promise<bool>* s
   for (auto& entry : m_players) DeletePlayerObjects(*entry.second);
   m_players.clear();
   if (m_options.shutdownEvent) {
+    m_callStart.store(Now());
     m_currentCall.store("UnitySetGraphicsDevice");
     m_api.UnitySetGraphicsDevice(nullptr, kDeviceTypeGles3, kDeviceEventShutdown);
     m_currentCall.store(nullptr);
@@ -431,6 +433,16 @@ bool HeadlessEngine::WaitUntil(const std::function<bool()>& pred, double seconds
   }
 }
 
+std::string HeadlessEngine::Stuck(double seconds) const {
+  const char* call = m_currentCall.load();
+  const double since = m_callStart.load();
+  if (!call || Now() - since < seconds || call != m_currentCall.load()) return "";
+  char text[160];
+  std::snprintf(text, sizeof text, "the render thread has been inside %s for player %d for %.1f s", call,
+                m_currentPlayer.load(), Now() - since);
+  return text;
+}
+
 bool HeadlessEngine::WaitFrames(uint64_t frames, double seconds) const {
   const uint64_t target = EngineFrames() + frames;
   return WaitUntil([&] { return EngineFrames() >= target; }, seconds);
@@ -449,9 +461,11 @@ void HeadlessEngine::RenderPlayer(Player& player) {
   m_currentPlayer.store(player.id);
   const auto start = std::chrono::steady_clock::now();
   if (s.path == RenderPath::Unity) {
+    m_callStart.store(Now());
     m_currentCall.store("the render event");
     m_renderEvent(player.id);
   } else {
+    m_callStart.store(Now());
     m_currentCall.store("OnUnrealRenderEvent");
     m_api.OnUnrealRenderEvent(player.id, player.vertexMemory.data(), player.indexMemory.data(),
                               static_cast<int>(t.vertexCapacity), static_cast<int>(t.indexCapacity), t.texture,
@@ -470,7 +484,10 @@ void HeadlessEngine::RenderPlayer(Player& player) {
     std::lock_guard<std::mutex> lock(m_statsMutex);
     PlayerStats& stats = m_stats[player.id];
     ++stats.renderEvents;
-    stats.longestEventMs = std::max(stats.longestEventMs, ms);
+    if (ms > stats.longestEventMs) {
+      stats.longestEventMs = ms;
+      stats.longestEvent = player.events;
+    }
     stats.glErrors += glErrors;
     if (!glProblem.empty() && stats.problems.size() < kMaxProblems) stats.problems.push_back(glProblem);
   }
@@ -479,6 +496,7 @@ void HeadlessEngine::RenderPlayer(Player& player) {
 
 void HeadlessEngine::InspectFrame(Player& player) {
   OzmFrameInfo info{};
+  m_callStart.store(Now());
   m_currentCall.store("GetLumoObjectFrameInfo");
   m_api.GetLumoObjectFrameInfo(player.id, &info);
   m_currentCall.store(nullptr);

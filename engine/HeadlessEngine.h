@@ -104,6 +104,7 @@ struct PlayerStats {
   uint64_t endOfStreamFlags = 0;
   uint64_t glErrors = 0;  // GL errors pending after a render event
   double longestEventMs = 0;
+  uint64_t longestEvent = 0;  // which event that was, from 1
   std::vector<DrawnRecord> drawn;
   std::vector<std::string> problems;  // why frames mismatched and GL errors, the first few
   OzmFrameInfo lastInfo{};
@@ -156,6 +157,10 @@ class HeadlessEngine {
 
   void SetInterval(int intervalMs) { m_intervalMs.store(intervalMs); }
 
+  // When the render thread has been inside one plug-in call for longer than seconds, says which
+  // call and for which player; empty otherwise.
+  std::string Stuck(double seconds) const;
+
  private:
   struct Player;
   struct Task;
@@ -180,6 +185,7 @@ class HeadlessEngine {
   std::atomic<bool> m_running{false};
   std::atomic<const char*> m_currentCall{nullptr};  // the plug-in function the render thread is in
   std::atomic<int> m_currentPlayer{0};
+  std::atomic<double> m_callStart{0};  // engine time when the current call began
 
   // Render thread only.
   void* m_display = nullptr;

@@ -1,5 +1,7 @@
 #include "player/EngineContext.h"
 
+#include <GLES3/gl3.h>
+
 #include <algorithm>
 #include <mutex>
 #include <utility>
@@ -8,43 +10,74 @@
 
 namespace {
 
-std::mutex g_graphicsMutex;
-EngineGraphics g_graphics;
+// Never destroyed: players left at library unload are torn down by the registry's own static
+// destructor, which may run after this file's statics are gone.
+struct Shared {
+  std::mutex retiredMutex;
+  std::vector<RetiredGLObjects> retired;
+  std::mutex graphicsMutex;
+  EngineGraphics graphics;
+  // Short (one entry per player) and kept in insertion order.
+  std::mutex tableMutex;
+  std::vector<std::pair<OzmPlatform::SurfaceTexture*, LumoObject*>> table;
+};
 
-// The table is short (one entry per player) and kept in insertion order.
-std::mutex g_tableMutex;
-std::vector<std::pair<OzmPlatform::SurfaceTexture*, LumoObject*>> g_table;
+Shared& Get() {
+  static Shared* shared = new Shared;
+  return *shared;
+}
 
 }  // namespace
 
 void SetEngineGraphics(const EngineGraphics& graphics) {
-  std::lock_guard<std::mutex> lock(g_graphicsMutex);
-  g_graphics = graphics;
+  std::lock_guard<std::mutex> lock(Get().graphicsMutex);
+  Get().graphics = graphics;
 }
 
 EngineGraphics GetEngineGraphics() {
-  std::lock_guard<std::mutex> lock(g_graphicsMutex);
-  return g_graphics;
+  std::lock_guard<std::mutex> lock(Get().graphicsMutex);
+  return Get().graphics;
+}
+
+void RetireGLObjects(const RetiredGLObjects& objects) {
+  std::lock_guard<std::mutex> lock(Get().retiredMutex);
+  Get().retired.push_back(objects);
+}
+
+void DeleteRetiredGLObjects() {
+  std::vector<RetiredGLObjects> retired;
+  {
+    std::lock_guard<std::mutex> lock(Get().retiredMutex);
+    if (Get().retired.empty()) return;
+    retired.swap(Get().retired);
+  }
+  for (const RetiredGLObjects& o : retired) {
+    if (o.buffer) glDeleteBuffers(1, &o.buffer);
+    if (o.program) glDeleteProgram(o.program);
+    if (o.fragmentShader) glDeleteShader(o.fragmentShader);
+    if (o.vertexShader) glDeleteShader(o.vertexShader);
+    if (o.texture) glDeleteTextures(1, &o.texture);
+  }
 }
 
 void AddSurfaceTextureEntry(OzmPlatform::SurfaceTexture* texture, LumoObject* player) {
-  std::lock_guard<std::mutex> lock(g_tableMutex);
-  g_table.emplace_back(texture, player);
+  std::lock_guard<std::mutex> lock(Get().tableMutex);
+  Get().table.emplace_back(texture, player);
 }
 
 bool RemoveSurfaceTextureEntry(OzmPlatform::SurfaceTexture* texture) {
-  std::lock_guard<std::mutex> lock(g_tableMutex);
-  auto it = std::find_if(g_table.begin(), g_table.end(), [&](const auto& e) { return e.first == texture; });
-  if (it == g_table.end()) return false;
-  g_table.erase(it);
+  std::lock_guard<std::mutex> lock(Get().tableMutex);
+  auto it = std::find_if(Get().table.begin(), Get().table.end(), [&](const auto& e) { return e.first == texture; });
+  if (it == Get().table.end()) return false;
+  Get().table.erase(it);
   return true;
 }
 
 bool SignalFrameAvailable(OzmPlatform::SurfaceTexture* texture) {
   // The flag is set under the table lock, so a player cannot be destroyed between the look-up and
   // the store: its mesh thread removes the entry (under this lock) before the player goes away.
-  std::lock_guard<std::mutex> lock(g_tableMutex);
-  for (const auto& entry : g_table) {
+  std::lock_guard<std::mutex> lock(Get().tableMutex);
+  for (const auto& entry : Get().table) {
     if (entry.first == texture) {
       entry.second->OnFrameAvailable();
       return true;
@@ -54,8 +87,8 @@ bool SignalFrameAvailable(OzmPlatform::SurfaceTexture* texture) {
 }
 
 std::vector<LumoObject*> SurfaceTexturePlayers() {
-  std::lock_guard<std::mutex> lock(g_tableMutex);
+  std::lock_guard<std::mutex> lock(Get().tableMutex);
   std::vector<LumoObject*> players;
-  for (const auto& entry : g_table) players.push_back(entry.second);
+  for (const auto& entry : Get().table) players.push_back(entry.second);
   return players;
 }

@@ -18,6 +18,20 @@ struct EngineGraphics {
 void SetEngineGraphics(const EngineGraphics& graphics);
 EngineGraphics GetEngineGraphics();
 
+// GL objects of a player that the engine's context has used: deleting them from the player's own
+// context while the engine's still holds its views of them is not safe on every driver, so the
+// player hands them over and the next render event deletes them in the engine's context.
+struct RetiredGLObjects {
+  unsigned int program = 0;
+  unsigned int vertexShader = 0;
+  unsigned int fragmentShader = 0;
+  unsigned int buffer = 0;
+  unsigned int texture = 0;
+};
+void RetireGLObjects(const RetiredGLObjects& objects);
+// Render thread, engine context current.
+void DeleteRetiredGLObjects();
+
 // Surface texture → player. Mesh threads add and remove their player's entry; the frame callback
 // looks players up from a platform thread.
 void AddSurfaceTextureEntry(OzmPlatform::SurfaceTexture* texture, LumoObject* player);

@@ -7,10 +7,14 @@
 
 #include "OzmCore/MeshFrame.h"
 #include "platform/Log.h"
+#include "player/EngineContext.h"
 
 // From OES_EGL_image_external, which GLES 3 headers leave to the extension header.
 #ifndef GL_TEXTURE_EXTERNAL_OES
 #define GL_TEXTURE_EXTERNAL_OES 0x8D65
+#endif
+#ifndef GL_TEXTURE_BINDING_EXTERNAL_OES
+#define GL_TEXTURE_BINDING_EXTERNAL_OES 0x8D67
 #endif
 
 namespace {
@@ -164,11 +168,14 @@ unsigned int GraphicsResources::LinkShader(unsigned int vertexShader, unsigned i
 
 void GraphicsResources::Cleanup() {
   if (m_context) {
-    glDeleteBuffers(1, &m_vertexBuffer);
-    glDeleteProgram(m_program);
-    glDeleteShader(m_fragmentShader);
-    glDeleteShader(m_vertexShader);
-    glDeleteTextures(1, &m_externalTexture);
+    // The engine's context has drawn with these; they are deleted there, at its next render event.
+    RetiredGLObjects retired;
+    retired.program = m_program;
+    retired.vertexShader = m_vertexShader;
+    retired.fragmentShader = m_fragmentShader;
+    retired.buffer = m_vertexBuffer;
+    retired.texture = m_externalTexture;
+    RetireGLObjects(retired);
   }
   m_vertexBuffer = m_program = m_fragmentShader = m_vertexShader = m_externalTexture = 0;
   EGLDisplay dpy = static_cast<EGLDisplay>(m_display);
@@ -188,9 +195,18 @@ void GraphicsResources::CopyTexture(unsigned int texture, int width, int height,
   const GLboolean scissor = glIsEnabled(GL_SCISSOR_TEST);
   GLint framebuffer = 0;
   glGetIntegerv(GL_FRAMEBUFFER_BINDING, &framebuffer);
+  GLint activeTexture = GL_TEXTURE0;
+  glGetIntegerv(GL_ACTIVE_TEXTURE, &activeTexture);
   glActiveTexture(GL_TEXTURE0);
   GLint sampler = 0;
   glGetIntegerv(GL_SAMPLER_BINDING, &sampler);
+  // The engine's program, external texture, vertex array and attribute 0 are put back too: left
+  // pointing at this player's objects they would outlive the player in the engine's context.
+  GLint program = 0, external = 0, vertexArray = 0, arrayBuffer = 0, attribEnabled = 0;
+  glGetIntegerv(GL_CURRENT_PROGRAM, &program);
+  glGetIntegerv(GL_TEXTURE_BINDING_EXTERNAL_OES, &external);
+  glGetIntegerv(GL_VERTEX_ARRAY_BINDING, &vertexArray);
+  glGetIntegerv(GL_ARRAY_BUFFER_BINDING, &arrayBuffer);
 
   GLuint fbo = 0;
   glGenFramebuffers(1, &fbo);
@@ -212,14 +228,31 @@ void GraphicsResources::CopyTexture(unsigned int texture, int width, int height,
   glUniform2f(m_uvScaleLocation, sx, sy);
 
   glBindVertexArray(0);
+  glGetVertexAttribiv(0, GL_VERTEX_ATTRIB_ARRAY_ENABLED, &attribEnabled);
+  GLint attribSize = 4, attribType = GL_FLOAT, attribNormalized = 0, attribStride = 0, attribBuffer = 0;
+  void* attribPointer = nullptr;
+  glGetVertexAttribiv(0, GL_VERTEX_ATTRIB_ARRAY_SIZE, &attribSize);
+  glGetVertexAttribiv(0, GL_VERTEX_ATTRIB_ARRAY_TYPE, &attribType);
+  glGetVertexAttribiv(0, GL_VERTEX_ATTRIB_ARRAY_NORMALIZED, &attribNormalized);
+  glGetVertexAttribiv(0, GL_VERTEX_ATTRIB_ARRAY_STRIDE, &attribStride);
+  glGetVertexAttribiv(0, GL_VERTEX_ATTRIB_ARRAY_BUFFER_BINDING, &attribBuffer);
+  glGetVertexAttribPointerv(0, GL_VERTEX_ATTRIB_ARRAY_POINTER, &attribPointer);
   glBindBuffer(GL_ARRAY_BUFFER, m_vertexBuffer);
   glEnableVertexAttribArray(0);
   glVertexAttribPointer(0, 2, GL_FLOAT, GL_FALSE, 0, nullptr);
   glDrawArrays(GL_TRIANGLES, 0, 3);
 
   if (scissor) glEnable(GL_SCISSOR_TEST);
-  glBindBuffer(GL_ARRAY_BUFFER, 0);
+  glBindBuffer(GL_ARRAY_BUFFER, static_cast<GLuint>(attribBuffer));
+  glVertexAttribPointer(0, attribSize, static_cast<GLenum>(attribType), attribNormalized ? GL_TRUE : GL_FALSE,
+                        attribStride, attribPointer);
+  if (!attribEnabled) glDisableVertexAttribArray(0);
+  glBindBuffer(GL_ARRAY_BUFFER, static_cast<GLuint>(arrayBuffer));
+  glBindVertexArray(static_cast<GLuint>(vertexArray));
+  glBindTexture(GL_TEXTURE_EXTERNAL_OES, static_cast<GLuint>(external));
+  glUseProgram(static_cast<GLuint>(program));
   glBindSampler(0, static_cast<GLuint>(sampler));
+  glActiveTexture(static_cast<GLenum>(activeTexture));
   glBindFramebuffer(GL_FRAMEBUFFER, static_cast<GLuint>(framebuffer));
   glViewport(viewport[0], viewport[1], viewport[2], viewport[3]);
   glDeleteFramebuffers(1, &fbo);

@@ -45,6 +45,7 @@ OZM_API_EXPORT void UnityRenderEvent(int) { OZM_LOGI("UnityRenderEvent"); }
 OZM_API_EXPORT OzmRenderEventFunc GetRenderEventFunc(void) { return &UnityRenderEvent; }
 
 OZM_API_EXPORT void OnUnityRenderModeEvent(int eventId) {
+  DeleteRetiredGLObjects();
   if (std::shared_ptr<LumoObject> player = OzmPlugin::GetRegistry().Find(eventId)) player->OnUnityRender();
 }
 
@@ -52,6 +53,7 @@ OZM_API_EXPORT OzmRenderEventFunc GetUnityRenderModeEventFunc(void) { return &On
 
 OZM_API_EXPORT void OnUnrealRenderEvent(int id, void* vertexData, void* indexData, int vertexCapacity,
                                         int indexCapacity, unsigned int texture, int width, int height) {
+  DeleteRetiredGLObjects();
   if (std::shared_ptr<LumoObject> player = OzmPlugin::GetRegistry().Find(id)) {
     player->OnUnrealRender(vertexData, indexData, vertexCapacity, indexCapacity, texture, width, height);
   }

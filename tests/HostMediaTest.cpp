@@ -511,7 +511,7 @@ Decoded Decode(MediaCodec& codec, const std::vector<Sample>& samples, FakeWindow
         if (next < samples.size()) {
           const Sample& s = samples[next++];
           EXPECT_LE(s.bytes.size(), capacity);
-          std::memcpy(buffer, s.bytes.data(), s.bytes.size());
+          if (!s.bytes.empty()) std::memcpy(buffer, s.bytes.data(), s.bytes.size());
           EXPECT_EQ(codec.QueueInputBuffer(static_cast<size_t>(index), 0, s.bytes.size(), s.timeUs, 0), kMediaOk);
         } else {
           EXPECT_EQ(codec.QueueInputBuffer(static_cast<size_t>(index), 0, 0, 0, kBufferFlagEndOfStream), kMediaOk);
@@ -663,8 +663,8 @@ TEST(HostDecoderTest, BackPressureReachesTheInputSide) {
   const std::vector<Sample> samples = TrackSamples(path, 0);
   size_t queued = 0;
   for (; queued < samples.size(); ++queued) {
-    // Long enough for the worker to take what it can.
-    const ssize_t index = codec->DequeueInputBuffer(300000);
+    // Long enough for the worker to take what it can, even on a loaded machine.
+    const ssize_t index = codec->DequeueInputBuffer(1000000);
     if (index < 0) {
       EXPECT_EQ(index, kInfoTryAgainLater);
       break;
@@ -676,10 +676,11 @@ TEST(HostDecoderTest, BackPressureReachesTheInputSide) {
         codec->QueueInputBuffer(static_cast<size_t>(index), 0, samples[queued].bytes.size(), samples[queued].timeUs, 0),
         kMediaOk);
   }
-  // Eight inputs waiting, four pictures out, a few inside the decoder.
+  // Eight inputs waiting behind the pictures in the output buffers and inside the decoder (on an
+  // idle machine 13 or more in all; fewer when the worker got little time).
   EXPECT_LT(queued, samples.size());
-  EXPECT_GE(queued, 12u);
-  EXPECT_EQ(codec->DequeueInputBuffer(0), kInfoTryAgainLater);
+  EXPECT_GT(queued, 8u);
+  EXPECT_EQ(codec->DequeueInputBuffer(200000), kInfoTryAgainLater);
 
   // Draining one picture lets the decoder go on, which frees an input.
   BufferInfo info;
@@ -772,7 +773,8 @@ TEST(HostDecoderTest, ConcurrentPumpOutputAndFlushes) {
     EXPECT_EQ(codec->Flush(), kMediaOk);
     flushes.fetch_add(1);
   }
-  std::this_thread::sleep_for(50ms);
+  // Pictures come out once the flushes stop.
+  for (int i = 0; i < 500 && rendered.load() == 0; ++i) std::this_thread::sleep_for(10ms);
   stop.store(true);
   pump.join();
   EXPECT_EQ(codec->Flush(), kMediaOk);  // wakes the output thread

@@ -53,7 +53,8 @@ class Clip {
   OzmEngine::FrameCheck Checker(bool damaged = false) const;
 
   // How the texture numbers read so far: rows as glReadPixels returned them (texture row 0 as the
-  // picture's top row) or turned upside down.
+  // picture's top row) or turned upside down. The player's copy reads as returned: it puts the
+  // picture's top row into texture row 0, where texture coordinate v = 0 is.
   uint64_t ReadAsReturned() const { return m_readAsReturned.load(); }
   uint64_t ReadUpsideDown() const { return m_readUpsideDown.load(); }
 

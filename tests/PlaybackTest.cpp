@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -73,7 +74,16 @@ HeadlessEngine* Engine() {
     engine = std::make_unique<HeadlessEngine>(Api());
     if (!engine->Start(&error)) engine.reset();
   }
-  if (!engine) ADD_FAILURE() << "the headless engine does not start: " << error;
+  if (!engine) {
+    ADD_FAILURE() << "the headless engine does not start: " << error;
+    return nullptr;
+  }
+  // A render event that never returned leaves the engine without frames for every later test.
+  const std::string stuck = engine->Stuck(Seconds(5));
+  if (!stuck.empty()) {
+    ADD_FAILURE() << "the engine is stuck: " << stuck;
+    return nullptr;
+  }
   return engine.get();
 }
 
@@ -83,10 +93,65 @@ class EngineEnvironment : public ::testing::Environment {
 };
 [[maybe_unused]] auto* const g_engineEnvironment = ::testing::AddGlobalTestEnvironment(new EngineEnvironment);
 
+// A test that runs far longer than its waits allow is stuck in a plug-in call: the watchdog names
+// it and ends the program, rather than leave it hanging until an outer time limit.
+class Watchdog : public ::testing::EmptyTestEventListener {
+ public:
+  static constexpr double kLimitSeconds = 60 * kSlowness;
+
+  Watchdog() : m_thread([this] { Watch(); }) {}
+  ~Watchdog() override {
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_quit = true;
+    }
+    m_cv.notify_all();
+    m_thread.join();
+  }
+  void OnTestStart(const ::testing::TestInfo& test) override {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_test = std::string(test.test_suite_name()) + "." + test.name();
+    m_deadline = std::chrono::steady_clock::now() + std::chrono::seconds(static_cast<int>(kLimitSeconds));
+    m_armed = true;
+    m_cv.notify_all();
+  }
+  void OnTestEnd(const ::testing::TestInfo&) override {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_armed = false;
+  }
+
+ private:
+  void Watch() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_quit) {
+      if (m_armed && std::chrono::steady_clock::now() >= m_deadline) {
+        std::fprintf(stderr, "\n%s has run for %.0f s: a plug-in call does not return; giving up\n", m_test.c_str(),
+                     kLimitSeconds);
+        std::fflush(stderr);
+        std::abort();
+      }
+      m_cv.wait_for(lock, std::chrono::milliseconds(250));
+    }
+  }
+
+  std::mutex m_mutex;
+  std::condition_variable m_cv;
+  std::string m_test;
+  std::chrono::steady_clock::time_point m_deadline;
+  bool m_armed = false;
+  bool m_quit = false;
+  std::thread m_thread;
+};
+
+const bool g_watchdogInstalled = [] {
+  ::testing::UnitTest::GetInstance()->listeners().Append(new Watchdog);
+  return true;
+}();
+
 bool HaveTestData() {
   if (ClipFixtures::HaveSampleMesh()) return true;
   if (!TestMeshFiles::MissingDataAllowed()) {
-    ADD_FAILURE() << "missing " << ClipFixtures::SampleMeshPath() << "; run scripts/test-data.sh";
+    ADD_FAILURE() << "missing " << ClipFixtures::MeshPath("bunny") << "; run scripts/test-data.sh";
   }
   return false;
 }
@@ -157,7 +222,7 @@ OzmOpenInfo OpenOptions(bool audioDisabled = false, bool autoLooping = false) {
 
 // A player as the engine's scripts hold it: its id and the engine objects registered with it.
 struct TestPlayer {
-  int id = 0;
+  int id = -1;  // ids count from 0
   OzmEngine::EngineTargets targets;
   std::shared_ptr<ClipSlot> slot = std::make_shared<ClipSlot>();
 };
@@ -321,6 +386,9 @@ TEST_P(PlaysToTheEnd, EveryDrawnFramePaired) {
   ExpectCleanPass(s.FrameIds(), *clip, s.Summary());
   EXPECT_EQ(CountContaining(log, kMismatchedTimestamps), 0u) << LastLines(log);
   // The texture reads the same way up every time.
+  std::printf("[ info     ] texture numbers read with rows as returned %llu times, upside down %llu times\n",
+              static_cast<unsigned long long>(clip->ReadAsReturned()),
+              static_cast<unsigned long long>(clip->ReadUpsideDown()));
   EXPECT_TRUE(clip->ReadAsReturned() == 0 || clip->ReadUpsideDown() == 0)
       << "texture rows as returned " << clip->ReadAsReturned() << " times, upside down " << clip->ReadUpsideDown();
   EndPlayer(*engine, player);
@@ -351,7 +419,7 @@ class Playback : public ::testing::Test {
     ASSERT_NE(m_engine, nullptr);
   }
   void TearDown() override {
-    if (m_engine && m_player.id > 0 && m_engine->Api().GetLumoState(m_player.id) != kLumoStateUnknownId) {
+    if (m_engine && m_player.id >= 0 && m_engine->Api().GetLumoState(m_player.id) != kLumoStateUnknownId) {
       EndPlayer(*m_engine, m_player);
     }
     EXPECT_EQ(CountContaining(m_log, kMismatchedTimestamps), 0u) << LastLines(m_log);
@@ -363,7 +431,7 @@ class Playback : public ::testing::Test {
   // Makes the player and opens the clip.
   void Open(const std::shared_ptr<const PairingCheck::Clip>& clip, const OzmOpenInfo& open = OpenOptions()) {
     ASSERT_EQ(clip->Error(), "");
-    if (m_player.id == 0) {
+    if (m_player.id < 0) {
       ASSERT_TRUE(NewPlayer(*m_engine, clip->Width(), &m_player));
     }
     m_player.slot->Set(clip);
@@ -503,13 +571,15 @@ TEST_P(ClockScale, PlaysAtThatSpeed) {
   ASSERT_TRUE(PlayToEnd(*m_engine, m_player.id, clipSeconds / scale)) << Stats().Summary() << LastLines(m_log);
   const PlayerStats s = Stats();
   ASSERT_GE(s.drawn.size(), 10u) << s.Summary();
-  // From the first frame drawn to the last.
-  const double media = static_cast<double>(s.drawn.back().timestamp - s.drawn.front().timestamp) / 1e7;
+  // From the first frame drawn to the last, in the clip's own time (frame ids count its frames; the
+  // timestamps of the frame information are presentation times, which the scale already stretched).
+  const double media = (s.drawn.back().frameId - s.drawn.front().frameId) / kFps;
   const double wall = s.drawn.back().seconds - s.drawn.front().seconds;
   ASSERT_GT(wall, 0);
   EXPECT_NEAR(media / wall, scale, 0.25 * scale) << "media " << media << " s in " << wall << " s; " << s.Summary();
-  // Sanitizer builds may not read back fast enough to see every frame at twice the speed.
-  const double share = scale > 1 && kSlowness > 1 ? 0.5 : 0.9;
+  // At twice the speed a late frame is rather skipped than shown late; sanitizer builds fall behind
+  // more often.
+  const double share = scale <= 1 ? 0.9 : kSlowness > 1 ? 0.5 : 0.8;
   ExpectCleanPass(s.FrameIds(), *clip, "at clock scale " + std::to_string(scale) + ": " + s.Summary(), share);
   EXPECT_EQ(s.mismatched, 0u) << s.Summary();
   EXPECT_EQ(s.endOfStreamFlags, 1u) << s.Summary();
