@@ -63,6 +63,10 @@ class LumoObject {
   void OnUnrealRender(void* vertexData, void* indexData, int vertexCapacity, int indexCapacity, unsigned int texture,
                       int width, int height);
 
+  // The player is being destroyed: an Open still waiting gives up. (Its destructor runs once the
+  // last call into it returned.)
+  void AbortOpen() { m_abortOpen.store(true); }
+
   // Called by the platform (any thread) when the player's surface texture has a new picture.
   void OnFrameAvailable() { m_frameAvailable.store(1); }
   OzmPlatform::SurfaceTexture* SurfaceTexture() const { return m_surfaceTexture.get(); }

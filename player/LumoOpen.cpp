@@ -147,6 +147,10 @@ int LumoObject::Open(const char* path, const OzmOpenInfo* info) {
     usleep(10000);
   }
 
+  if (m_abortOpen.load()) {
+    OZM_LOGE("[%i] Open aborted (shutting down)", m_id);
+    return 0;
+  }
   m_playback.Hold();
   if (!m_playback.thread.joinable()) m_playback.thread = std::thread(&LumoObject::PlaybackThreadFunc, this);
   m_video.Hold();

@@ -62,6 +62,7 @@ bool Registry::Destroy(int id) {
     player = std::move(it->second);
     m_players.erase(it);
   }
+  player->AbortOpen();
   player.reset();
   return true;
 }

@@ -318,6 +318,10 @@ constexpr const char* kMismatchedTimestamps = "MISMATCHED TIMESTAMPS";
 // frames drawn.
 void ExpectCleanPass(const std::vector<uint32_t>& ids, const PairingCheck::Clip& clip, const std::string& what,
                      double share = 0.9) {
+  // Frames are dropped, correctly, whenever the engine is slower than the clip: under the
+  // sanitizers the first copies (shader compilation) take a few hundred milliseconds, so there only
+  // pairing, order and the last frame are held to, and a handful of frames drawn.
+  if (kSlowness > 1) share = std::min(share, 0.1);
   const size_t frames = clip.Frames().size();
   EXPECT_GE(static_cast<double>(ids.size()), share * static_cast<double>(frames))
       << what << ": fewer than " << share * 100 << "% of " << frames << " frames drawn";
