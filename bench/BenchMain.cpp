@@ -1,4 +1,5 @@
-// ozm_bench: our mesh decoders against Draco and meshoptimizer on the same meshes, in one run.
+// ozm_bench: our mesh decoders against Draco and meshoptimizer on the same meshes, in one run, and
+// playback through the plug-in against FFmpeg (only with --benchmark_filter=Playback).
 //
 //   ozm_bench [--results=FILE] [benchmark flags]
 //
@@ -20,6 +21,7 @@
 #include "bench/Results.h"
 
 int main(int argc, char** argv) {
+  if (const int code = OzmBench::PlaybackChild(argc, argv); code >= 0) return code;
   std::string resultsPath;
   bool minTimeGiven = false, repetitionsGiven = false;
   // Colours only on a terminal, and never when --benchmark_color says no.
@@ -49,6 +51,7 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
   OzmBench::RegisterKeyFrameBenchmarks();
   OzmBench::RegisterInterFrameBenchmarks();
+  OzmBench::RegisterPlaybackBenchmarks();
 
   OzmBench::Collector collector(color ? benchmark::ConsoleReporter::OO_ColorTabular
                                       : benchmark::ConsoleReporter::OO_Tabular);

@@ -5,5 +5,11 @@ namespace OzmBench {
 
 void RegisterKeyFrameBenchmarks();
 void RegisterInterFrameBenchmarks();
+// Playback through the plug-in; registered only when --benchmark_filter names "Playback".
+void RegisterPlaybackBenchmarks();
+
+// The child process of the playback memory benchmarks: plays the clip given with
+// --playback-child=PATH and prints its peak memory. Returns the exit code, or -1 without the flag.
+int PlaybackChild(int argc, char** argv);
 
 }  // namespace OzmBench

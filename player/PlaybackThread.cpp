@@ -2,6 +2,7 @@
 // presentation time through the player's clock, feeds the decoders, hands every video sample to the
 // mesh thread as a decode job, and starts the pipeline over at the end when auto-looping is on.
 #include <cstring>
+#include <vector>
 
 #include "OzmCore/MeshPayload.h"
 #include "platform/Log.h"
@@ -171,13 +172,12 @@ bool LumoObject::PumpVideoSample(int64_t presentationTimeUs) {
     video->QueueInputBuffer(static_cast<size_t>(index), 0, 0, presentationTimeUs, 0);
     return false;
   }
-  std::shared_ptr<uint8_t[]> copy(new uint8_t[static_cast<size_t>(size)]);
-  std::memcpy(copy.get(), buffer, static_cast<size_t>(size));
+  auto copy = std::make_shared<std::vector<uint8_t>>(buffer, buffer + size);
   const int64_t timestampNs = presentationTimeUs * 1000;
   const uint32_t generation = m_meshGeneration.load();
   const unsigned int bytes = static_cast<unsigned int>(size);
   m_meshWork.Enqueue([this, copy, timestampNs, bytes, generation] {
-    OZMCORE::CComPtr<OzmCrossPlatform::Stream> mesh(OzmCrossPlatform::FindCompressedMesh(copy.get(), bytes));
+    OZMCORE::CComPtr<OzmCrossPlatform::Stream> mesh(OzmCrossPlatform::FindCompressedMesh(copy->data(), bytes));
     if (!mesh) {
       OZM_LOGE("FindCompressedMesh returned null");
       // Nothing will be drawn for this sample, so its slot is given back here.

@@ -204,10 +204,15 @@ check_abi() {
 
   local undefined symbol
   undefined=$(dynamic_names "$lib" --undefined-only)
-  local builtins=() unresolved=()
+  local builtins=() unresolved=() runtime=()
+  # Without the shared C++ runtime only its ABI part could be read: the rest of the standard
+  # library (namespace std::__ndk1, the exception classes, the unwinder) is then taken on trust.
+  local runtime_re='^(_ZN?K?St6__ndk1|_ZT[ISV]NSt6__ndk1|_ZNSt[0-9]|_ZNKSt[0-9]|_ZSt|_ZT[ISV]St|_Unwind_)'
   for symbol in $undefined; do
     if grep -qxF -- "$symbol" "$provided"; then
       continue
+    elif [ -n "$cxx_note" ] && [[ $symbol =~ $runtime_re ]]; then
+      runtime+=("$symbol")
     elif [[ $symbol =~ $builtin_re ]]; then
       builtins+=("$symbol")
     else
@@ -217,6 +222,9 @@ check_abi() {
   rm -f "$provided"
   if [ ${#builtins[@]} -gt 0 ]; then
     echo "note [$abi]: compiler builtins left to the loader: ${builtins[*]}"
+  fi
+  if [ ${#runtime[@]} -gt 0 ]; then
+    echo "note [$abi]: ${#runtime[@]} C++ standard library import(s) not checked (no libc++_shared.so here)"
   fi
   if [ ${#unresolved[@]} -gt 0 ]; then
     fail "${#unresolved[@]} imported symbol(s) defined by none of the allowed libraries:"
