@@ -73,23 +73,25 @@ void LumoObject::OnUnityRender() {
     indexCapacity = m_engineIndexCapacity;
     lastIndexBuffer = m_lastIndexBuffer;
   }
-  m_graphics.CopyTexture(texture, width, height, m_videoWidth.load(), m_videoHeight.load());
-  // A frame shown again costs only the texture copy.
-  if (frame->AddDraw() != 0) return;
-  const bool computeNormals = m_computeNormals.load() != 0;
-  IOzmBuffer* indices = frame->IndexBuffer();
-  if (indices && indices == lastIndexBuffer.Get()) {
-    CopyToGLBuffers(*frame, vertexBuffer, indexBuffer, indexCapacity, vertexCapacity, computeNormals, false);
-    std::lock_guard<std::mutex> lock(m_engineMutex);
-    ++m_indexReuseCount;
-  } else {
-    {
+  // The mesh goes first: writing the buffers after the texture draw was queued would make the
+  // driver finish that draw before it maps them. A frame shown again costs only the texture copy.
+  if (frame->AddDraw() == 0) {
+    const bool computeNormals = m_computeNormals.load() != 0;
+    IOzmBuffer* indices = frame->IndexBuffer();
+    if (indices && indices == lastIndexBuffer.Get()) {
+      CopyToGLBuffers(*frame, vertexBuffer, indexBuffer, indexCapacity, vertexCapacity, computeNormals, false);
       std::lock_guard<std::mutex> lock(m_engineMutex);
-      m_lastIndexBuffer = indices;
-      m_indexReuseCount = 0;
+      ++m_indexReuseCount;
+    } else {
+      {
+        std::lock_guard<std::mutex> lock(m_engineMutex);
+        m_lastIndexBuffer = indices;
+        m_indexReuseCount = 0;
+      }
+      CopyToGLBuffers(*frame, vertexBuffer, indexBuffer, indexCapacity, vertexCapacity, computeNormals, true);
     }
-    CopyToGLBuffers(*frame, vertexBuffer, indexBuffer, indexCapacity, vertexCapacity, computeNormals, true);
   }
+  m_graphics.CopyTexture(texture, width, height, m_videoWidth.load(), m_videoHeight.load());
 }
 
 void LumoObject::OnUnrealRender(void* vertexData, void* indexData, int vertexCapacity, int indexCapacity,
