@@ -90,6 +90,15 @@ class LumoObject {
     explicit Worker(const char* n) : name(n) {}
     // Sets the hold flag and wakes the worker from a timed sleep, so that it reaches its loop top.
     void Hold();
+    // Sets the hold flag unless `keepGoing` says otherwise, both under the wake mutex: a Release
+    // that comes in between (Play) is never undone.
+    template <typename Predicate>
+    bool HoldUnless(Predicate keepGoing) {
+      std::lock_guard<std::mutex> lock(wakeMutex);
+      if (keepGoing()) return false;
+      hold.store(1);
+      return true;
+    }
     // Clears the hold flag and wakes the worker.
     void Release();
     // Sleeps while the hold flag is set (logs "<Name> thread sleeping" / "is awake").

@@ -20,10 +20,9 @@ void LumoObject::PlaybackThreadFunc() {
   while (!m_playback.exit.load()) {
     if (m_playback.hold.load()) m_playback.Sleep(m_id);
     if (m_playback.exit.load()) break;
-    const int state = m_state.load();
-    if (state != Playing) {
+    int state = Playing;
+    if (m_playback.HoldUnless([&] { return (state = m_state.load()) == Playing; })) {
       OZM_LOGI("[%i] playback thread going to sleep (m_state = %i)", m_id, state);
-      m_playback.Hold();
       continue;
     }
     PumpStep();

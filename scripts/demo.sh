@@ -4,7 +4,8 @@
 # shows each frame's number) is encoded to an MP4 whose every access unit carries its mesh, checked
 # with FFmpeg, inspected the way the player reads it, and three frames are exported as glTF with
 # their decoded pictures. The same sample is also encoded as an HLS stream (a playlist and MPEG-TS
-# segments), which FFmpeg plays as well.
+# segments), which FFmpeg plays as well. Last, the plug-in plays the MP4 in a headless engine and
+# every frame it draws is checked: picture and mesh of the same frame.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -46,11 +47,19 @@ ffmpeg -nostdin -v error -i "$out/hls/bunny.m3u8" -f null -
 echo "----"
 
 echo
+echo "== Playing the MP4 through the plug-in in a headless engine, every drawn frame read back and checked"
+if ! "$ozm" play "$clip" 2>"$out/play.log"; then
+  tail -n 20 "$out/play.log"
+  exit 1
+fi
+
+echo
 echo "Made:"
 echo "  $clip                      the volumetric clip ($(stat -c %s "$clip") bytes)"
 echo "  $out/frames/frame_000148.gltf ... frame_000150.gltf  meshes (open in any glTF viewer)"
 echo "  $out/frames/frame_000148.png  ... frame_000150.png   their decoded pictures"
 echo "  build/host/plugin/libOzmUnityPlugin.so   the host build of the plug-in"
 echo "  build/host/tools/ozm          the authoring and inspection tool (ozm --help)"
+echo "  $out/play.log               the plug-in's log of that playback"
 echo "  $out/hls/bunny.m3u8          the HLS playlist, with its segments:"
 ls -l "$out/hls" | awk 'NR > 1 && $NF ~ /\.ts$/ { printf "    %-28s %s bytes\n", $NF, $5 }'

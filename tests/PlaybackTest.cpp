@@ -27,7 +27,7 @@
 #include "platform/Log.h"
 #include "platform/host/LogCapture.h"
 #include "tests/ClipFixtures.h"
-#include "tests/PairingCheck.h"
+#include "tools/ozm/PairingCheck.h"
 
 namespace {
 

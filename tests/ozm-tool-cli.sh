@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# ozm encode, inspect and export from the command line: the clip (MP4 or HLS) is ordinary video to
-# FFmpeg, the JSON reports say what the text says, and bad command lines and unreadable or damaged
-# inputs end with a message and exit status 1, never with a crash.
+# ozm encode, inspect, export and play from the command line: the clip (MP4 or HLS) is ordinary video
+# to FFmpeg, the JSON reports say what the text says, the built plug-in plays it with every drawn
+# frame paired, and bad command lines and unreadable or damaged inputs end with a message and exit
+# status 1 (2 for play), never with a crash.
 #   ozm-tool-cli.sh OZM WORK_FOLDER TEST_DATA_FOLDER
 set -uo pipefail
 ozm=$1
@@ -123,6 +124,16 @@ for format in ply obj gltf; do
 done
 [ -s "$dir/obj/frame_000008.mtl" ] && [ -s "$dir/gltf/frame_000008.bin" ] || fail "export side files"
 
+# play: the clip through the built plug-in in the headless engine, every drawn frame paired; with
+# auto-looping, two passes. The summary says so in text and JSON.
+out=$("$ozm" play "$clip" --no-audio 2>"$dir/play.log") || fail "play: $out $(tail -n 20 "$dir/play.log")"
+grep -Eq "^$clip: 12 frames, [0-9]+ drawn, [0-9]+ paired, 0 mismatched" <<<"$out" || fail "play summary: $out"
+"$ozm" play "$clip" --loops 2 --json >"$dir/play.json" 2>"$dir/play-loops.log" ||
+  fail "play --loops 2: $(cat "$dir/play.json") $(tail -n 20 "$dir/play-loops.log")"
+jq -e '.completed and .passes == 2 and .clip_frames == 12 and .mismatched == 0 and .gl_errors == 0 and
+       .paired == .drawn and .drawn >= 12 and .render_events > 0' "$dir/play.json" >/dev/null ||
+  fail "play --loops 2 summary: $(cat "$dir/play.json")"
+
 # Bad command lines and bad input: a message naming the problem and exit status 1 (or CLI11's own
 # status for command-line errors), never a signal.
 # Under the sanitizers a memory error exits with an ordinary status: its report gives it away.
@@ -171,6 +182,24 @@ expect_error "$dir/plain.mp4: no audio" "$ozm" encode "${small[@]}" --audio "$di
 expect_error "sample-audio goes with --sample" "$ozm" encode "$dir/few" --sample-audio --out "$dir/x.mp4"
 [ ! -e "$dir/x.mp4" ] && [ ! -e "$dir/x.m3u8" ] && [ -z "$(ls "$dir"/x_*.ts 2>/dev/null)" ] ||
   fail "a failed encode left $dir/x.* behind"
+
+# play: a clip it cannot play or a bad command line exits with 2.
+expect_play_error() {
+  local want=$1
+  shift
+  local err rc
+  err=$("$ozm" play "$@" 2>&1 >/dev/null)
+  rc=$?
+  [ "$rc" = 2 ] || fail "play $*: status $rc, not 2: $err"
+  grep -qi -- "$want" <<<"$err" || fail "message of 'play $*' lacks '$want': $err"
+}
+expect_play_error "cannot open $dir/missing.mp4: no such file" "$dir/missing.mp4"
+expect_play_error "cannot open $dir/text.mp4" "$dir/text.mp4"
+expect_play_error "$dir/plain.mp4 frame 0: no mesh unit" "$dir/plain.mp4"
+expect_play_error "cannot load $dir/none.so" "$clip" --plugin "$dir/none.so"
+expect_play_error "loops" "$clip" --loops 0
+expect_play_error "clock-scale" "$clip" --clock-scale 0
+expect_play_error "clip is required"
 
 expect_error "HLS input is not supported yet" "$ozm" inspect "$dir/list.m3u8"
 expect_error "cannot open $dir/missing.mp4" "$ozm" inspect "$dir/missing.mp4"

@@ -11,5 +11,6 @@ void AddUnitCommands(CLI::App& app, std::function<int()>* run);
 void AddEncodeCommand(CLI::App& app, std::function<int()>* run);
 void AddInspectCommand(CLI::App& app, std::function<int()>* run);
 void AddExportCommand(CLI::App& app, std::function<int()>* run);
+void AddPlayCommand(CLI::App& app, std::function<int()>* run);
 
 }  // namespace OzmTool

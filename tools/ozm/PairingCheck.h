@@ -1,10 +1,11 @@
-// What the engine must receive for each frame of a test clip, and the check that a drawn frame got
-// it: picture, mesh and frame information all of the same frame.
+// What the engine must receive for each frame of a clip, and the check that a drawn frame got it:
+// picture, mesh and frame information all of the same frame. The playback tests and `ozm play` use it.
 //
 // The expected meshes come from our own reader, run the way the player runs it (one reader over the
 // whole clip, flags 0xd: 20-byte vertices, normals computed when copied to the engine layout), so the
 // vertex bytes the engine receives must be identical. The picture is recognised by the frame number
-// the sample draws into it.
+// the sample draws into it; pictures without one (clips of other textures) leave only the frame id
+// and the mesh to check.
 #pragma once
 
 #include <atomic>
@@ -69,7 +70,7 @@ class Clip {
   mutable std::atomic<uint64_t> m_readUpsideDown{0};
 };
 
-// The clip decoded once per test program (clips are shared by the tests).
+// The clip decoded once per program (the tests share their clips).
 std::shared_ptr<const Clip> Expected(const std::string& path);
 
 // The frame number shown in an engine texture (RGBA readback), trying the rows as returned and then

@@ -1,4 +1,4 @@
-#include "tests/PairingCheck.h"
+#include "tools/ozm/PairingCheck.h"
 
 #include <cstring>
 #include <mutex>
