@@ -10,8 +10,9 @@
 
 namespace {
 
-// Never destroyed: players left at library unload are torn down by the registry's own static
-// destructor, which may run after this file's statics are gone.
+// Made on first use. The registry touches it while it is made itself, so that this object is
+// destroyed after the registry (static objects go in the reverse order of their making), whose
+// destructor tears down the players left at library unload.
 struct Shared {
   std::mutex retiredMutex;
   std::vector<RetiredGLObjects> retired;
@@ -23,11 +24,13 @@ struct Shared {
 };
 
 Shared& Get() {
-  static Shared* shared = new Shared;
-  return *shared;
+  static Shared shared;
+  return shared;
 }
 
 }  // namespace
+
+void InitializeEngineContext() { Get(); }
 
 void SetEngineGraphics(const EngineGraphics& graphics) {
   std::lock_guard<std::mutex> lock(Get().graphicsMutex);

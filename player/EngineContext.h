@@ -15,6 +15,9 @@ struct EngineGraphics {
   int clientVersion = 0;
 };
 
+// Makes the shared state now (the registry calls it first thing, see EngineContext.cpp).
+void InitializeEngineContext();
+
 void SetEngineGraphics(const EngineGraphics& graphics);
 EngineGraphics GetEngineGraphics();
 

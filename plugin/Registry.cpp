@@ -22,7 +22,12 @@ void OnFrameAvailable(OzmPlatform::SurfaceTexture* texture) {
 
 // Made before any export is called; players left at library unload are destroyed with it.
 struct RegistryHolder {
-  RegistryHolder() { OzmPlatform::SetFrameAvailableHandler(&OnFrameAvailable); }
+  RegistryHolder() {
+    // Made before the registry is, so that they outlive the players it tears down at unload.
+    OzmPlatform::GetPlatform();
+    InitializeEngineContext();
+    OzmPlatform::SetFrameAvailableHandler(&OnFrameAvailable);
+  }
   Registry registry;
 };
 
