@@ -115,15 +115,17 @@ int LumoObject::Open(const char* path, const OzmOpenInfo* info) {
     OZM_LOGE("[%i] failed to create input stream\n", m_id);
     return 0;
   }
-  MediaInputStream* input = stream.get();
+  int tracks = 0;
   {
+    // The stream is used under its lock everywhere, also here: another thread may ask for the file
+    // information while the stream opens.
     std::lock_guard<std::mutex> lock(m_streamMutex);
     m_stream = std::move(stream);
+    if (!m_stream->Open(path, *info)) return 0;
+    tracks = m_stream->GetTrackCount();
   }
-  // The playback thread is asleep (held) whenever Open runs, so the stream is ours here.
-  if (!input->Open(path, *info)) return 0;
   std::memcpy(&m_openInfo, info, sizeof(m_openInfo));
-  if (input->GetTrackCount() < 1) {
+  if (tracks < 1) {
     OZM_LOGE("[%i] Error in LumoObject::Open: the input has no tracks", m_id);
     return 0;
   }
@@ -157,10 +159,13 @@ int LumoObject::Open(const char* path, const OzmOpenInfo* info) {
   m_audio.Hold();
   if (!m_video.thread.joinable()) m_video.thread = std::thread(&LumoObject::VideoThreadFunc, this);
 
-  const int tracks = input->GetTrackCount();
   OZM_LOGI("[%i] input has %d tracks", m_id, tracks);
   for (int track = 0; track < tracks; ++track) {
-    std::unique_ptr<OzmPlatform::MediaFormat> format = input->GetTrackFormat(track);
+    std::unique_ptr<OzmPlatform::MediaFormat> format;
+    {
+      std::lock_guard<std::mutex> lock(m_streamMutex);
+      if (m_stream) format = m_stream->GetTrackFormat(track);
+    }
     if (!format) {
       OZM_LOGE("[%i] no format for track %d", m_id, track);
       return 0;
