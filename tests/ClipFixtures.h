@@ -16,7 +16,7 @@
 
 namespace ClipFixtures {
 
-struct ClipSpec {
+struct ClipContent {
   int frames = 24;
   int size = 128;  // square texture
   OzmTool::VideoCodec codec = OzmTool::VideoCodec::H264;
@@ -45,31 +45,31 @@ inline std::filesystem::path Folder() { return std::filesystem::path(TestMeshFil
 
 // The clip's path, encoding it first when it is not there yet. Concurrent test processes wait for
 // each other through a lock file; a clip is written under a temporary name and renamed when done.
-inline std::string Clip(const ClipSpec& spec) {
+inline std::string Clip(const ClipContent& content) {
   namespace fs = std::filesystem;
-  const fs::path dir = Folder() / spec.Name();
-  const fs::path path = dir / ("clip." + spec.container);
+  const fs::path dir = Folder() / content.Name();
+  const fs::path path = dir / ("clip." + content.container);
   fs::create_directories(Folder());
-  const std::string lockPath = (Folder() / (spec.Name() + ".lock")).string();
+  const std::string lockPath = (Folder() / (content.Name() + ".lock")).string();
   const int lock = ::open(lockPath.c_str(), O_CREAT | O_RDWR, 0644);
   if (lock >= 0) ::flock(lock, LOCK_EX);
   if (!fs::exists(path)) {
-    const fs::path work = Folder() / (spec.Name() + ".part");
+    const fs::path work = Folder() / (content.Name() + ".part");
     fs::remove_all(work);
     fs::create_directories(work);
     OzmTool::Av::QuietLibraryLogs();
     OzmTool::EncodeOptions o;
-    o.out = (work / ("clip." + spec.container)).string();
+    o.out = (work / ("clip." + content.container)).string();
     o.sample = true;
-    o.sampleMesh = MeshPath(spec.mesh);
-    o.frames = spec.frames;
-    o.width = o.height = spec.size;
-    o.codec = spec.codec;
-    o.interCoding = spec.interCoding;
-    o.temporal = spec.temporal;
-    o.normals = spec.normals;
-    o.sampleAudio = spec.audio;
-    o.keyInterval = spec.keyInterval;
+    o.sampleMesh = MeshPath(content.mesh);
+    o.frames = content.frames;
+    o.width = o.height = content.size;
+    o.codec = content.codec;
+    o.interCoding = content.interCoding;
+    o.temporal = content.temporal;
+    o.normals = content.normals;
+    o.sampleAudio = content.audio;
+    o.keyInterval = content.keyInterval;
     o.preset = "ultrafast";
     OzmTool::Encode(o);
     fs::remove_all(dir);

@@ -55,7 +55,7 @@ std::string CaseName(const ::testing::TestParamInfo<ClipCase>& info) { return in
 
 std::string ClipPath(VideoCodec codec, bool audio) {
   EXPECT_TRUE(ClipFixtures::HaveSampleMesh()) << "run scripts/test-data.sh first";
-  ClipFixtures::ClipSpec clip;
+  ClipFixtures::ClipContent clip;
   clip.frames = kFrames;
   clip.size = kSize;
   clip.codec = codec;

@@ -161,9 +161,9 @@ bool HaveTestData() {
     if (!HaveTestData()) GTEST_SKIP() << "no test data"; \
   } while (0)
 
-ClipFixtures::ClipSpec Spec(OzmTool::VideoCodec codec, int interCoding, bool temporal = false, bool audio = false,
+ClipFixtures::ClipContent Content(OzmTool::VideoCodec codec, int interCoding, bool temporal = false, bool audio = false,
                             int frames = 24) {
-  ClipFixtures::ClipSpec s;
+  ClipFixtures::ClipContent s;
   s.codec = codec;
   s.interCoding = interCoding;
   s.temporal = temporal;
@@ -175,10 +175,10 @@ const auto kH264 = OzmTool::VideoCodec::H264;
 const auto kHevc = OzmTool::VideoCodec::Hevc;
 
 // The clip and what the engine must receive from it (decoded once per program).
-std::shared_ptr<const PairingCheck::Clip> ExpectedClip(const ClipFixtures::ClipSpec& spec) {
-  auto clip = PairingCheck::Expected(ClipFixtures::Clip(spec));
-  EXPECT_EQ(clip->Error(), "") << spec.Name();
-  EXPECT_EQ(clip->Frames().size(), static_cast<size_t>(spec.frames)) << spec.Name();
+std::shared_ptr<const PairingCheck::Clip> ExpectedClip(const ClipFixtures::ClipContent& content) {
+  auto clip = PairingCheck::Expected(ClipFixtures::Clip(content));
+  EXPECT_EQ(clip->Error(), "") << content.Name();
+  EXPECT_EQ(clip->Frames().size(), static_cast<size_t>(content.frames)) << content.Name();
   return clip;
 }
 
@@ -347,7 +347,7 @@ std::vector<std::vector<uint32_t>> Passes(const std::vector<uint32_t>& ids) {
 
 struct ClipCase {
   const char* name;
-  ClipFixtures::ClipSpec spec;
+  ClipFixtures::ClipContent content;
   bool audioDisabled;
   RenderPath path;
 };
@@ -359,7 +359,7 @@ class PlaysToTheEnd : public ::testing::TestWithParam<ClipCase> {};
 TEST_P(PlaysToTheEnd, EveryDrawnFramePaired) {
   REQUIRE_TEST_DATA();
   const ClipCase& c = GetParam();
-  auto clip = ExpectedClip(c.spec);
+  auto clip = ExpectedClip(c.content);
   ASSERT_EQ(clip->Error(), "");
   // The sample numbers its pictures from 0 and the encoder its mesh frames from 1.
   for (const PairingCheck::ExpectedFrame& f : clip->Frames()) {
@@ -372,7 +372,7 @@ TEST_P(PlaysToTheEnd, EveryDrawnFramePaired) {
 
   OzmPlatform::ScopedLogCapture log;
   TestPlayer player;
-  ASSERT_TRUE(NewPlayer(*engine, c.spec.size, &player, c.path));
+  ASSERT_TRUE(NewPlayer(*engine, c.content.size, &player, c.path));
   player.slot->Set(clip);
   const OzmOpenInfo open = OpenOptions(c.audioDisabled);
   ASSERT_EQ(api.OpenLumoObject(player.id, clip->Path().c_str(), &open), 1) << LastLines(log);
@@ -380,7 +380,7 @@ TEST_P(PlaysToTheEnd, EveryDrawnFramePaired) {
   ASSERT_EQ(api.PlayLumoObject(player.id), 1);
   EXPECT_EQ(api.GetLumoState(player.id), kLumoStatePlaying);
 
-  const bool ended = PlayToEnd(*engine, player.id, c.spec.frames / kFps);
+  const bool ended = PlayToEnd(*engine, player.id, c.content.frames / kFps);
   const PlayerStats s = engine->Stats(player.id);
   EXPECT_TRUE(ended) << "no end of stream: " << s.Summary() << LastLines(log);
   EXPECT_EQ(s.endOfStreamFlags, 1u) << s.Summary();
@@ -399,14 +399,14 @@ TEST_P(PlaysToTheEnd, EveryDrawnFramePaired) {
 }
 
 const ClipCase kClipCases[] = {
-    {"H264InterCoding7", Spec(kH264, 7), false, RenderPath::Unity},
-    {"H264KeyFramesOnly", Spec(kH264, 0), false, RenderPath::Unity},
-    {"H264InterCoding3Temporal", Spec(kH264, 3, true), false, RenderPath::Unity},
-    {"HevcInterCoding4", Spec(kHevc, 4), false, RenderPath::Unity},
-    {"HevcInterCoding5Temporal", Spec(kHevc, 5, true), false, RenderPath::Unity},
-    {"H264WithAudio", Spec(kH264, 7, false, true), false, RenderPath::Unity},
-    {"HevcWithAudioDeclined", Spec(kHevc, 0, false, true), true, RenderPath::Unity},
-    {"H264IntoEngineMemory", Spec(kH264, 7), false, RenderPath::Unreal},
+    {"H264InterCoding7", Content(kH264, 7), false, RenderPath::Unity},
+    {"H264KeyFramesOnly", Content(kH264, 0), false, RenderPath::Unity},
+    {"H264InterCoding3Temporal", Content(kH264, 3, true), false, RenderPath::Unity},
+    {"HevcInterCoding4", Content(kHevc, 4), false, RenderPath::Unity},
+    {"HevcInterCoding5Temporal", Content(kHevc, 5, true), false, RenderPath::Unity},
+    {"H264WithAudio", Content(kH264, 7, false, true), false, RenderPath::Unity},
+    {"HevcWithAudioDeclined", Content(kHevc, 0, false, true), true, RenderPath::Unity},
+    {"H264IntoEngineMemory", Content(kH264, 7), false, RenderPath::Unreal},
 };
 INSTANTIATE_TEST_SUITE_P(Clips, PlaysToTheEnd, ::testing::ValuesIn(kClipCases),
                          [](const ::testing::TestParamInfo<ClipCase>& param) { return std::string(param.param.name); });
@@ -451,7 +451,7 @@ class Playback : public ::testing::Test {
 };
 
 TEST_F(Playback, AutoLoopingPlaysThreePassesPaired) {
-  auto clip = ExpectedClip(Spec(kH264, 7));
+  auto clip = ExpectedClip(Content(kH264, 7));
   ASSERT_NO_FATAL_FAILURE(Open(clip, OpenOptions(false, true)));
   ASSERT_EQ(Api().PlayLumoObject(m_player.id), 1);
   // Three whole passes: the fourth has begun.
@@ -471,7 +471,7 @@ TEST_F(Playback, AutoLoopingPlaysThreePassesPaired) {
 }
 
 TEST_F(Playback, RewindThenPlayStartsFromTheBeginning) {
-  auto clip = ExpectedClip(Spec(kH264, 4));
+  auto clip = ExpectedClip(Content(kH264, 4));
   ASSERT_NO_FATAL_FAILURE(Open(clip));
   ASSERT_EQ(Api().PlayLumoObject(m_player.id), 1);
 
@@ -506,7 +506,7 @@ TEST_F(Playback, RewindThenPlayStartsFromTheBeginning) {
 }
 
 TEST_F(Playback, PauseHoldsTheFrameAndPlayResumes) {
-  auto clip = ExpectedClip(Spec(kHevc, 7, false, false, 48));
+  auto clip = ExpectedClip(Content(kHevc, 7, false, false, 48));
   ASSERT_NO_FATAL_FAILURE(Open(clip));
   ASSERT_EQ(Api().PlayLumoObject(m_player.id), 1);
   ASSERT_TRUE(WaitDrawn(6, 10)) << Stats().Summary() << LastLines(m_log);
@@ -531,8 +531,8 @@ TEST_F(Playback, PauseHoldsTheFrameAndPlayResumes) {
 }
 
 TEST_F(Playback, CloseThenOpenAnotherClipPlaysIt) {
-  auto first = ExpectedClip(Spec(kH264, 7));
-  auto second = ExpectedClip(Spec(kHevc, 5, false, false, 36));
+  auto first = ExpectedClip(Content(kH264, 7));
+  auto second = ExpectedClip(Content(kHevc, 5, false, false, 36));
   ASSERT_NO_FATAL_FAILURE(Open(first));
   ASSERT_EQ(Api().PlayLumoObject(m_player.id), 1);
   ASSERT_TRUE(WaitDrawn(5, 10)) << Stats().Summary() << LastLines(m_log);
@@ -567,7 +567,7 @@ TEST_P(ClockScale, PlaysAtThatSpeed) {
     HeadlessEngine* engine;
     ~RestoreInterval() { engine->SetInterval(16); }
   } restore{m_engine};
-  auto clip = ExpectedClip(Spec(kH264, 7, false, false, 48));
+  auto clip = ExpectedClip(Content(kH264, 7, false, false, 48));
   ASSERT_NO_FATAL_FAILURE(Open(clip));
   ASSERT_EQ(Api().SetClockScale(m_player.id, scale), 1);
   ASSERT_EQ(Api().PlayLumoObject(m_player.id), 1);
@@ -598,10 +598,10 @@ INSTANTIATE_TEST_SUITE_P(Scales, ClockScale, ::testing::Values(2.0f, 0.5f),
 
 TEST(Players, FourPlayDifferentClipsAtOnce) {
   REQUIRE_TEST_DATA();
-  const ClipFixtures::ClipSpec specs[] = {Spec(kH264, 7), Spec(kHevc, 4), Spec(kH264, 0, false, true, 30),
-                                          Spec(kHevc, 3, true, false, 36)};
+  const ClipFixtures::ClipContent contents[] = {Content(kH264, 7), Content(kHevc, 4), Content(kH264, 0, false, true, 30),
+                                          Content(kHevc, 3, true, false, 36)};
   std::vector<std::shared_ptr<const PairingCheck::Clip>> clips;
-  for (const auto& spec : specs) clips.push_back(ExpectedClip(spec));
+  for (const auto& content : contents) clips.push_back(ExpectedClip(content));
   HeadlessEngine* engine = Engine();
   ASSERT_NE(engine, nullptr);
   const PluginApi& api = engine->Api();
@@ -624,7 +624,7 @@ TEST(Players, FourPlayDifferentClipsAtOnce) {
   engine->WaitFrames(10, Seconds(5));
   for (size_t i = 0; i < players.size(); ++i) {
     const PlayerStats s = engine->Stats(players[i].id);
-    const std::string what = specs[i].Name() + ": " + s.Summary();
+    const std::string what = contents[i].Name() + ": " + s.Summary();
     EXPECT_TRUE(ended) << what;
     EXPECT_EQ(s.endOfStreamFlags, 1u) << what;
     EXPECT_EQ(s.mismatched, 0u) << what;
@@ -639,7 +639,7 @@ TEST(Players, FourPlayDifferentClipsAtOnce) {
 
 struct FileInfoCase {
   const char* name;
-  ClipFixtures::ClipSpec spec;
+  ClipFixtures::ClipContent content;
 };
 
 void PrintTo(const FileInfoCase& c, std::ostream* os) { *os << c.name; }
@@ -649,7 +649,7 @@ class FileInfo : public ::testing::TestWithParam<FileInfoCase> {};
 TEST_P(FileInfo, DescribesTheOpenedClip) {
   REQUIRE_TEST_DATA();
   const FileInfoCase& c = GetParam();
-  auto clip = ExpectedClip(c.spec);
+  auto clip = ExpectedClip(c.content);
   ASSERT_EQ(clip->Error(), "");
   HeadlessEngine* engine = Engine();
   ASSERT_NE(engine, nullptr);
@@ -663,11 +663,11 @@ TEST_P(FileInfo, DescribesTheOpenedClip) {
 
   OzmFileInfo info{};
   EXPECT_EQ(api.GetLumoObjectFileInfo(player.id, &info), 0);
-  EXPECT_EQ(info.frameCount, static_cast<uint32_t>(c.spec.frames));
-  EXPECT_EQ(info.textureWidth, c.spec.size);
-  EXPECT_EQ(info.textureHeight, c.spec.size);
-  EXPECT_EQ(info.hasAudio != 0, c.spec.audio);
-  EXPECT_NEAR(static_cast<double>(info.duration) / 1e7, c.spec.frames / kFps, 2 / kFps);
+  EXPECT_EQ(info.frameCount, static_cast<uint32_t>(c.content.frames));
+  EXPECT_EQ(info.textureWidth, c.content.size);
+  EXPECT_EQ(info.textureHeight, c.content.size);
+  EXPECT_EQ(info.hasAudio != 0, c.content.audio);
+  EXPECT_NEAR(static_cast<double>(info.duration) / 1e7, c.content.frames / kFps, 2 / kFps);
   EXPECT_GE(info.maxVertexCount, clip->MaxVertices());
   EXPECT_GE(info.maxIndexCount, clip->MaxIndices());
   EXPECT_GT(info.fileSizeMB, 0.0f);
@@ -693,8 +693,8 @@ TEST_P(FileInfo, DescribesTheOpenedClip) {
 }
 
 const FileInfoCase kFileInfoCases[] = {
-    {"H264", Spec(kH264, 7)},
-    {"HevcWithAudio", Spec(kHevc, 0, false, true)},
+    {"H264", Content(kH264, 7)},
+    {"HevcWithAudio", Content(kHevc, 0, false, true)},
 };
 INSTANTIATE_TEST_SUITE_P(Clips, FileInfo, ::testing::ValuesIn(kFileInfoCases),
                          [](const ::testing::TestParamInfo<FileInfoCase>& param) {
@@ -806,7 +806,7 @@ class BadInputTest : public ::testing::TestWithParam<BadInput> {};
 TEST_P(BadInputTest, IsRefusedOrPlayedSafely) {
   REQUIRE_TEST_DATA();
   const BadInput& c = GetParam();
-  auto good = ExpectedClip(Spec(kH264, 7));
+  auto good = ExpectedClip(Content(kH264, 7));
   ASSERT_EQ(good->Error(), "");
   const std::string path = c.make(good->Path());
   ASSERT_FALSE(path.empty()) << "cannot make the file";
@@ -867,7 +867,7 @@ class Ending : public ::testing::TestWithParam<EndCase> {};
 TEST_P(Ending, ReturnsPromptly) {
   REQUIRE_TEST_DATA();
   const EndCase& c = GetParam();
-  auto clip = ExpectedClip(Spec(kH264, 7));
+  auto clip = ExpectedClip(Content(kH264, 7));
   ASSERT_EQ(clip->Error(), "");
   HeadlessEngine* engine = Engine();
   ASSERT_NE(engine, nullptr);
@@ -916,7 +916,7 @@ INSTANTIATE_TEST_SUITE_P(States, Ending, ::testing::ValuesIn(kEndCases),
 
 TEST(LoadedPlugin, PlaysAClipPaired) {
   REQUIRE_TEST_DATA();
-  auto clip = ExpectedClip(Spec(kHevc, 7));
+  auto clip = ExpectedClip(Content(kHevc, 7));
   ASSERT_EQ(clip->Error(), "");
   std::string error;
   const PluginApi api = PluginApi::Load(OZM_PLUGIN_LIBRARY, &error);
