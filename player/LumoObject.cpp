@@ -111,9 +111,12 @@ LumoObject::~LumoObject() {
   }
   m_meshWork.Abort();
   if (m_meshThread.joinable()) m_meshThread.join();
-  std::lock_guard<std::mutex> lock(m_codecMutex);
-  m_videoCodec.reset();
-  m_audioCodec.reset();
+  std::shared_ptr<OzmPlatform::MediaCodec> video, audio;
+  {
+    std::lock_guard<std::mutex> lock(m_codecMutex);
+    video.swap(m_videoCodec);
+    audio.swap(m_audioCodec);
+  }
 }
 
 int LumoObject::Play() {
@@ -213,14 +216,14 @@ int LumoObject::Close() {
     video->Stop();
     WaitAsleep(m_video, "Close");
     std::lock_guard<std::mutex> lock(m_codecMutex);
-    m_videoCodec.reset();
+    m_videoCodec.reset();  // the last reference goes with `video`, after the lock
   }
   if (auto audio = AudioCodec()) {
     audio->Flush();
     audio->Stop();
     WaitAsleep(m_audio, "Close");
     std::lock_guard<std::mutex> lock(m_codecMutex);
-    m_audioCodec.reset();
+    m_audioCodec.reset();  // the last reference goes with `audio`, after the lock
   }
   ClearMeshFrames();
   return 1;
@@ -274,9 +277,15 @@ void LumoObject::SetClockScale(float scale) {
     m_presentationOffset = m_lastPresentationTime;
     m_sampleBase = m_lastSampleTime;
   }
-  std::lock_guard<std::mutex> lock(m_audioTrackMutex);
-  if (m_audioTrack && OzmPlatform::GetPlatform().AttachCurrentThread()) {
-    m_audioTrack->SetPlaybackRate(static_cast<int>(scale * static_cast<float>(m_audioSampleRate)));
+  std::shared_ptr<OzmPlatform::AudioTrack> track;
+  int rate = 0;
+  {
+    std::lock_guard<std::mutex> lock(m_audioTrackMutex);
+    track = m_audioTrack;
+    rate = m_audioSampleRate;
+  }
+  if (track && OzmPlatform::GetPlatform().AttachCurrentThread()) {
+    track->SetPlaybackRate(static_cast<int>(scale * static_cast<float>(rate)));
   }
 }
 
@@ -288,10 +297,14 @@ int64_t LumoObject::PresentationTime(int64_t sampleTime) {
 }
 
 int LumoObject::SetAudioVolume(float volume) {
-  std::lock_guard<std::mutex> lock(m_audioTrackMutex);
-  if (!m_audioTrack) return 0;
+  std::shared_ptr<OzmPlatform::AudioTrack> track;
+  {
+    std::lock_guard<std::mutex> lock(m_audioTrackMutex);
+    track = m_audioTrack;
+  }
+  if (!track) return 0;
   if (!OzmPlatform::GetPlatform().AttachCurrentThread()) return 0;
-  return m_audioTrack->SetVolume(volume) == 0 ? 1 : 0;
+  return track->SetVolume(volume) == 0 ? 1 : 0;
 }
 
 void LumoObject::SetComputeNormals(int computeNormals) {

@@ -167,7 +167,7 @@ class LumoObject {
   std::atomic<int> m_videoFrameRate{30};
   std::atomic<int> m_videoWidth{0};
   std::atomic<int> m_videoHeight{0};
-  std::unique_ptr<OzmPlatform::AudioTrack> m_audioTrack;
+  std::shared_ptr<OzmPlatform::AudioTrack> m_audioTrack;  // callers copy it under the lock, call outside
   std::mutex m_audioTrackMutex;  // the track is made by the audio thread and used by the setters
   int m_audioSampleRate = 0;
 

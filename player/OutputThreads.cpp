@@ -104,10 +104,10 @@ void LumoObject::VideoThreadFunc() {
 }
 
 void LumoObject::TearDownAudioTrack() {
-  std::unique_ptr<OzmPlatform::AudioTrack> track;
+  std::shared_ptr<OzmPlatform::AudioTrack> track;
   {
     std::lock_guard<std::mutex> lock(m_audioTrackMutex);
-    track = std::move(m_audioTrack);
+    track.swap(m_audioTrack);
   }
   if (!track) return;
   track->Stop();
@@ -145,11 +145,10 @@ void LumoObject::AudioThreadFunc() {
       }
       size_t size = 0;
       const uint8_t* data = codec->GetOutputBuffer(buffer, &size);
-      // Only the audio thread replaces the track, so it may be used here without the lock.
-      OzmPlatform::AudioTrack* track = nullptr;
+      std::shared_ptr<OzmPlatform::AudioTrack> track;
       {
         std::lock_guard<std::mutex> lock(m_audioTrackMutex);
-        track = m_audioTrack.get();
+        track = m_audioTrack;
       }
       if (data && track && info.size > 0 && static_cast<size_t>(info.offset) + static_cast<size_t>(info.size) <= size) {
         // The platform's write takes a copy of the bytes (a Java array on a device).

@@ -33,14 +33,18 @@ void LumoObject::PlaybackThreadFunc() {
 void LumoObject::PumpStep() {
   int track = -1;
   int64_t sampleTime = -1;
+  bool haveStream = false;
   {
     std::lock_guard<std::mutex> lock(m_streamMutex);
-    if (!m_stream) {
-      m_playback.Hold();
-      return;
+    haveStream = m_stream != nullptr;
+    if (haveStream) {
+      track = m_stream->GetSampleTrackIndex();
+      sampleTime = m_stream->GetSampleTime();
     }
-    track = m_stream->GetSampleTrackIndex();
-    sampleTime = m_stream->GetSampleTime();
+  }
+  if (!haveStream) {
+    m_playback.Hold();
+    return;
   }
   if (track < 0) {
     // The end of input has no sample time: the end-of-stream buffers take the last one.
