@@ -112,7 +112,8 @@ bool IsLoopbackURL(const char* url) {
   for (const char* prefix : kLoopback) {
     if (std::strncmp(url, prefix, std::strlen(prefix)) == 0) return true;
   }
-  return false;
+  // A playlist on this machine.
+  return url[0] == '/';
 }
 #endif
 

@@ -30,8 +30,9 @@ Stream* FindCompressedMesh(const unsigned char* data, unsigned int size);
 bool IsValidStreamingURL(const char* url);
 
 #ifdef OZM_TEST_HOOKS
-// Host builds only: also accept http(s) servers on the loopback interface, for tests and the
-// host harness. Shipped plug-ins are built without this switch.
+// Host builds only: also accept http(s) servers on the loopback interface and playlists given as
+// absolute local paths, for tests and the host harness. Shipped plug-ins are built without this
+// switch.
 void AllowLoopbackStreamingURLs(bool allow);
 #endif
 

@@ -160,6 +160,8 @@ class HeadlessEngine {
   // When the render thread has been inside one plug-in call for longer than seconds, says which
   // call and for which player; empty otherwise.
   std::string Stuck(double seconds) const;
+  // Engine time in seconds, the clock of DrawnRecord::seconds.
+  double Now() const;
 
  private:
   struct Player;
@@ -174,7 +176,6 @@ class HeadlessEngine {
   void InspectFrame(Player& player);
   bool ReadBack(Player& player, const OzmFrameInfo& info, DrawnFrame* frame, std::string* why);
   void DeletePlayerObjects(Player& player);
-  double Now() const;
 
   PluginApi m_api;
   EngineOptions m_options;

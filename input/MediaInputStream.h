@@ -28,4 +28,7 @@ class MediaInputStream {
   virtual bool Advance() = 0;
   // Bytes copied, negative when no sample is left (or it does not fit).
   virtual ssize_t ReadSampleData(uint8_t* buffer, uint32_t capacity) = 0;
+  // Makes a blocking call of another thread (Open waiting for the network, Advance waiting for
+  // data) give up at once; the stream is of no further use then. Safe from any thread.
+  virtual void Cancel() {}
 };

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "platform/Media.h"
 
@@ -30,6 +31,14 @@ using FrameAvailableHandler = void (*)(SurfaceTexture* texture);
 void SetFrameAvailableHandler(FrameAvailableHandler handler);
 // For backends: announces a new picture of `texture`.
 void NotifyFrameAvailable(SurfaceTexture* texture);
+
+// Called when a download started with Platform::DownloadFileFromUrl ends: the local file it was
+// saved to, or null when it failed. `nativeHandle` is the one given with the request. Reported on a
+// thread of the platform, never the requester's; set once by the HLS input.
+using DownloadCompleteHandler = void (*)(const char* localPath, void* nativeHandle);
+void SetDownloadCompleteHandler(DownloadCompleteHandler handler);
+// For backends: reports the end of a download.
+void NotifyDownloadComplete(const char* localPath, void* nativeHandle);
 
 // Android's AudioTrack in streaming mode, 16-bit interleaved PCM.
 class AudioTrack {
@@ -92,6 +101,19 @@ class Platform {
   virtual bool GetAssetFileDescriptorAndroid10(const char* path, AssetFileDescriptor* out) = 0;
   // Null when there is no such asset.
   virtual std::unique_ptr<Asset> OpenAsset(const char* path) = 0;
+
+  // The plug-in's download methods (streaming input). DownloadFileFromUrl starts downloading one
+  // segment, `url`, and returns at once; its end is reported through the download-complete handler
+  // with `nativeHandle`. Files of one playlist (`playlistName`) are kept apart from other playlists'.
+  // `uri` is the segment's name in the playlist. A platform without downloads logs an error and
+  // reports nothing.
+  virtual void DownloadFileFromUrl(const std::string& playlistName, const std::string& url, const std::string& uri,
+                                   void* nativeHandle);
+  // Downloads `url` (a playlist) and returns the local file's path; empty when it failed.
+  virtual std::string DownloadFileFromUrlBlocking(const std::string& url);
+  // Abandons the running download of `nativeHandle`. Once it returns, no completion for that handle
+  // is being reported or will be.
+  virtual void CancelDownload(void* nativeHandle);
 
   // The EGL display the player makes its contexts on, taken on the render thread when the engine
   // hands over its graphics device (the engine's context is current then).

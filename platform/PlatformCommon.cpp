@@ -1,6 +1,8 @@
-// The process-wide platform object and the frame-available handler.
+// The process-wide platform object, the frame-available and download-complete handlers, and the
+// defaults of a platform without downloads.
 #include <atomic>
 
+#include "platform/Log.h"
 #include "platform/Platform.h"
 
 namespace OzmPlatform {
@@ -12,6 +14,7 @@ namespace {
 
 std::atomic<Platform*> g_override{nullptr};
 std::atomic<FrameAvailableHandler> g_frameAvailable{nullptr};
+std::atomic<DownloadCompleteHandler> g_downloadComplete{nullptr};
 
 }  // namespace
 
@@ -30,5 +33,22 @@ void NotifyFrameAvailable(SurfaceTexture* texture) {
   const FrameAvailableHandler handler = g_frameAvailable.load(std::memory_order_acquire);
   if (handler) handler(texture);
 }
+
+void SetDownloadCompleteHandler(DownloadCompleteHandler handler) {
+  g_downloadComplete.store(handler, std::memory_order_release);
+}
+
+void NotifyDownloadComplete(const char* localPath, void* nativeHandle) {
+  const DownloadCompleteHandler handler = g_downloadComplete.load(std::memory_order_acquire);
+  if (handler) handler(localPath, nativeHandle);
+}
+
+void Platform::DownloadFileFromUrl(const std::string&, const std::string& url, const std::string&, void*) {
+  OZM_LOGE("this platform cannot download %s", url.c_str());
+}
+
+std::string Platform::DownloadFileFromUrlBlocking(const std::string&) { return {}; }
+
+void Platform::CancelDownload(void*) {}
 
 }  // namespace OzmPlatform

@@ -90,6 +90,7 @@ LumoObject::LumoObject(int id) : m_id(id) {}
 LumoObject::~LumoObject() {
   OZM_LOGI("[%i] ~LumoObject() (m_state = %i)", m_id, m_state.load());
   m_abortOpen.store(true);
+  CancelStream();
   while (m_pendingOpen.load()) {
     OZM_LOGI("[%i] ~LumoObject() cancelling Open", m_id);
     usleep(1000);
@@ -117,6 +118,15 @@ LumoObject::~LumoObject() {
     video.swap(m_videoCodec);
     audio.swap(m_audioCodec);
   }
+}
+
+void LumoObject::CancelStream() {
+  std::shared_ptr<MediaInputStream> stream;
+  {
+    std::lock_guard<std::mutex> lock(m_cancellableMutex);
+    stream.swap(m_cancellableStream);
+  }
+  if (stream) stream->Cancel();
 }
 
 int LumoObject::Play() {
@@ -190,6 +200,9 @@ int LumoObject::Close() {
   m_state.store(Closed);
   OZM_LOGI("[%i] LumoObject::Close release resources (m_state = %i)", m_id, m_state.load());
   m_abortOpen.store(true);
+  // The stream goes with the Close: whatever waits inside it (an Open, or the playback thread's
+  // Advance waiting for the network) gives up now.
+  CancelStream();
   while (m_pendingOpen.load()) {
     OZM_LOGI("[%i] LumoObject::Close waiting for pending Open", m_id);
     usleep(1000);
@@ -203,7 +216,7 @@ int LumoObject::Close() {
   }
   ForgetTimeBases();
   {
-    std::unique_ptr<MediaInputStream> stream;
+    std::shared_ptr<MediaInputStream> stream;
     {
       std::lock_guard<std::mutex> lock(m_streamMutex);
       stream = std::move(m_stream);

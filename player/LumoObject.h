@@ -63,9 +63,12 @@ class LumoObject {
   void OnUnrealRender(void* vertexData, void* indexData, int vertexCapacity, int indexCapacity, unsigned int texture,
                       int width, int height);
 
-  // The player is being destroyed: an Open still waiting gives up. (Its destructor runs once the
-  // last call into it returned.)
-  void AbortOpen() { m_abortOpen.store(true); }
+  // The player is being destroyed: an Open still waiting gives up, also one waiting inside its input
+  // stream (for the network). Its destructor runs once the last call into it returned.
+  void AbortOpen() {
+    m_abortOpen.store(true);
+    CancelStream();
+  }
 
   // Called by the platform (any thread) when the player's surface texture has a new picture.
   void OnFrameAvailable() { m_frameAvailable.store(1); }
@@ -137,6 +140,8 @@ class LumoObject {
   void TearDownAudioTrack();
   bool StreamCarriesMeshes();
 
+  // Makes a blocking call of the current input stream give up; the stream is discarded afterwards.
+  void CancelStream();
   // Render step shared by both variants. Returns the frame to copy (its timestamp equals the
   // latched picture's), or null when nothing is to be copied.
   std::shared_ptr<Ozm::MeshFrame> LatchAndMatch(const char* variant, int64_t restartThreshold);
@@ -155,9 +160,13 @@ class LumoObject {
   std::mutex m_fileInfoMutex;  // the cached file information: script thread writes, render thread reads
 
   // Media.
-  std::unique_ptr<MediaInputStream> m_stream;
+  std::shared_ptr<MediaInputStream> m_stream;
   // Guards m_stream: the playback thread holds it around each use, Close and Open around replacing it.
   std::mutex m_streamMutex;
+  // The stream being opened or in use, reachable while another thread holds m_streamMutex inside a
+  // blocking call of the stream, so that Close and Destroy can make that call give up.
+  std::shared_ptr<MediaInputStream> m_cancellableStream;
+  std::mutex m_cancellableMutex;
   std::shared_ptr<OzmPlatform::MediaCodec> m_videoCodec;
   std::shared_ptr<OzmPlatform::MediaCodec> m_audioCodec;
   std::mutex m_codecMutex;  // guards the two codec pointers (the workers take copies)

@@ -98,9 +98,9 @@ int LumoObject::Open(const char* path, const OzmOpenInfo* info) {
     OZM_LOGI("No file extension found in path %s", path);
     return 0;
   }
-  std::unique_ptr<MediaInputStream> stream;
+  std::shared_ptr<MediaInputStream> stream;
   if (std::strcmp(dot, ".mp4") == 0) {
-    stream = std::make_unique<MediaExFileStream>(m_id);
+    stream = std::make_shared<MediaExFileStream>(m_id);
   } else if (std::strcmp(dot, ".m3u8") == 0) {
     if (!OzmCrossPlatform::IsValidStreamingURL(path)) {
       OZM_LOGE("[%i] Error in LumoObject::Open: invalid streaming url", m_id);
@@ -115,6 +115,12 @@ int LumoObject::Open(const char* path, const OzmOpenInfo* info) {
     OZM_LOGE("[%i] failed to create input stream\n", m_id);
     return 0;
   }
+  {
+    std::lock_guard<std::mutex> lock(m_cancellableMutex);
+    m_cancellableStream = stream;
+  }
+  // A Destroy that came in before the stream could be reached above still stops its Open.
+  if (m_abortOpen.load()) stream->Cancel();
   int tracks = 0;
   {
     // The stream is used under its lock everywhere, also here: another thread may ask for the file

@@ -17,6 +17,8 @@ packages=(
   libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
   # the host backend of the plug-in: EGL and GLES headers, Mesa's software renderer
   libegl-dev libgles-dev libegl-mesa0 libgl1-mesa-dri
+  # downloads of streamed segments on the host, and the tests' loopback HTTP server
+  libcurl4-openssl-dev python3
   # the ffmpeg command line and jq, which the tool tests check files and reports with
   ffmpeg jq
 )

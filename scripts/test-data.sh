@@ -22,6 +22,9 @@ if [ ! -s "$out/bunny.json" ]; then
   mv "$out/bunny.json.part" "$out/bunny.json"
 fi
 
+# Transport and elementary streams made by FFmpeg, for the demultiplexer and parameter-set tests.
+scripts/test-data-streams.sh
+
 # The generator is part of the host build; building the one target is a no-op when it is current.
 [ -f "$build/CMakeCache.txt" ] || cmake --preset host >/dev/null
 cmake --build "$build" --target make_test_meshes >/dev/null

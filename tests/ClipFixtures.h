@@ -26,12 +26,14 @@ struct ClipContent {
   bool audio = false;
   int keyInterval = 12;
   std::string container = "mp4";  // or "m3u8"
+  double segmentSeconds = 2;       // HLS: the segment length asked of the encoder
   std::string mesh = "bunny";     // a mesh of the generated test data: bunny, bunny-loop2, ...
 
   std::string Name() const {
     return std::string(codec == OzmTool::VideoCodec::H264 ? "h264" : "hevc") + "-f" + std::to_string(frames) + "-s" +
            std::to_string(size) + "-c" + std::to_string(interCoding) + (temporal ? "-t" : "") + (normals ? "-n" : "") +
-           (audio ? "-a" : "") + "-k" + std::to_string(keyInterval) + "-" + mesh;
+           (audio ? "-a" : "") + "-k" + std::to_string(keyInterval) + "-" + mesh +
+           (container == "mp4" ? "" : "-" + container + std::to_string(static_cast<int>(segmentSeconds * 1000)));
   }
 };
 
@@ -70,6 +72,7 @@ inline std::string Clip(const ClipContent& content) {
     o.normals = content.normals;
     o.sampleAudio = content.audio;
     o.keyInterval = content.keyInterval;
+    o.segmentSeconds = content.segmentSeconds;
     o.preset = "ultrafast";
     OzmTool::Encode(o);
     fs::remove_all(dir);

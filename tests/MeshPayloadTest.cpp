@@ -209,8 +209,11 @@ TEST(StreamingURL, AcceptsOnlyTheConfiguredBaseAddresses) {
   EXPECT_TRUE(OzmCrossPlatform::IsValidStreamingURL(loopback));
   EXPECT_TRUE(OzmCrossPlatform::IsValidStreamingURL("http://localhost:9000/a.m3u8"));
   EXPECT_FALSE(OzmCrossPlatform::IsValidStreamingURL("http://127.0.0.2.evil.example/a.m3u8"));
+  EXPECT_TRUE(OzmCrossPlatform::IsValidStreamingURL("/tmp/clip/clip.m3u8"));
+  EXPECT_FALSE(OzmCrossPlatform::IsValidStreamingURL("clip/clip.m3u8"));
   OzmCrossPlatform::AllowLoopbackStreamingURLs(false);
   EXPECT_FALSE(OzmCrossPlatform::IsValidStreamingURL(loopback));
+  EXPECT_FALSE(OzmCrossPlatform::IsValidStreamingURL("/tmp/clip/clip.m3u8"));
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <mutex>
 
 #include "platform/Log.h"
+#include "platform/host/HostDownloads.h"
 
 namespace OzmPlatform {
 
@@ -121,6 +122,15 @@ class HostPlatformImpl final : public Platform {
     }
     return std::make_unique<FileAsset>(fd, static_cast<int64_t>(info.st_size));
   }
+
+  void DownloadFileFromUrl(const std::string& playlistName, const std::string& url, const std::string& uri,
+                           void* nativeHandle) override {
+    HostDownloadFileFromUrl(playlistName, url, uri, nativeHandle);
+  }
+  std::string DownloadFileFromUrlBlocking(const std::string& url) override {
+    return HostDownloadFileFromUrlBlocking(url);
+  }
+  void CancelDownload(void* nativeHandle) override { HostCancelDownload(nativeHandle); }
 
   void* CaptureEglDisplay() override { return eglGetCurrentDisplay(); }
 };
