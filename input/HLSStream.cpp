@@ -1,11 +1,12 @@
 #include "input/HLSStream.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <set>
 
 #include "OzmCore/CComPtr.h"
@@ -96,9 +97,9 @@ void HLSStream::WakeAll() {
 
 void HLSStream::RemoveDownloads() {
   if (!m_remote) return;
-  // The files this stream was given, then their folders when nothing else is left in them.
-  std::set<std::filesystem::path> folders;
-  std::error_code error;
+  // The files this stream was given, then their folders when nothing else is left in them (rmdir
+  // leaves a folder that is not empty). Plain POSIX calls: the C++ runtime of older NDKs has no
+  // std::filesystem.
   std::vector<std::string> files;
   {
     std::lock_guard<std::mutex> lock(m_downloadMutex);
@@ -107,13 +108,13 @@ void HLSStream::RemoveDownloads() {
     }
   }
   if (!m_playlistFile.empty()) files.push_back(m_playlistFile);
+  std::set<std::string> folders;
   for (const std::string& file : files) {
-    std::filesystem::remove(file, error);
-    folders.insert(std::filesystem::path(file).parent_path());
+    ::unlink(file.c_str());
+    const size_t slash = file.find_last_of('/');
+    if (slash != std::string::npos && slash > 0) folders.insert(file.substr(0, slash));
   }
-  for (const auto& folder : folders) {
-    if (std::filesystem::is_empty(folder, error)) std::filesystem::remove(folder, error);
-  }
+  for (const std::string& folder : folders) ::rmdir(folder.c_str());
 }
 
 // ---------------------------------------------------------------------------------------------
