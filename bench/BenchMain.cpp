@@ -52,6 +52,7 @@ int main(int argc, char** argv) {
   OzmBench::RegisterKeyFrameBenchmarks();
   OzmBench::RegisterInterFrameBenchmarks();
   OzmBench::RegisterPlaybackBenchmarks();
+  OzmBench::RegisterHlsBenchmarks();
 
   OzmBench::Collector collector(color ? benchmark::ConsoleReporter::OO_ColorTabular
                                       : benchmark::ConsoleReporter::OO_Tabular);

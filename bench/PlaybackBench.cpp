@@ -39,8 +39,10 @@
 #include <thread>
 #include <vector>
 
+#include "OzmCore/MeshPayload.h"
 #include "bench/BenchData.h"
 #include "bench/Benchmarks.h"
+#include "bench/PlaybackSupport.h"
 #include "bench/Results.h"
 #include "engine/HeadlessEngine.h"
 #include "engine/PluginApi.h"
@@ -57,10 +59,7 @@ using OzmEngine::HeadlessEngine;
 using OzmEngine::PluginApi;
 using OzmEngine::RenderPath;
 
-constexpr int kTextureSize = 1024;
 constexpr float kClockScale = 50;
-constexpr int kShortFrames = 300;   // 10 s at 30 fps: one loop of the sample's animation
-constexpr int kLongFrames = 1800;   // 60 s: six loops
 constexpr int kThroughputRuns = 3;  // the best run counts, the one the shared machine disturbed least
 // After a render event that drew nothing, the paced runs leave the core to the decoders this long.
 constexpr int kIdlePauseUs = 200;
@@ -70,26 +69,12 @@ constexpr double kMinRatioToFFmpeg = 0.8;
 constexpr double kMaxRenderStepMs = 2;
 constexpr double kMaxMemoryDifference = 0.05;
 
-constexpr const char* kChildFlag = "--playback-child=";
-constexpr const char* kChildLine = "playback-child";
-
 double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
 double ProcessCpuSeconds() {
   timespec t{};
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
   return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-}
-
-// A field of /proc/self/status in kB (VmHWM, VmRSS); -1 when it cannot be read.
-long StatusKb(const char* field) {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  const size_t n = std::strlen(field);
-  while (std::getline(status, line)) {
-    if (line.compare(0, n, field) == 0 && line.size() > n && line[n] == ':') return std::atol(line.c_str() + n + 1);
-  }
-  return -1;
 }
 
 // q-quantile of the values (nearest rank); 0 for none.
@@ -124,109 +109,6 @@ class Reservoir {
   std::mt19937_64 m_random{12345};
 };
 
-// --- The plug-in's log: warnings and errors are kept (the first few) and counted, the rest dropped.
-
-struct LogTally {
-  std::mutex mutex;
-  uint64_t warnings = 0, errors = 0;
-  std::vector<std::string> first;
-};
-
-LogTally& Tally() {
-  static LogTally* tally = new LogTally;
-  return *tally;
-}
-
-void QuietPluginLog() {
-  static const bool installed = [] {
-    // $OZM_BENCH_PLUGIN_LOG=1 leaves the plug-in's log on standard error, for a run that fails.
-    const char* keep = std::getenv("OZM_BENCH_PLUGIN_LOG");
-    if (keep && std::strcmp(keep, "1") == 0) return true;
-    OzmPlatform::SetLogSink([](int priority, const std::string& text) {
-      if (priority < OzmPlatform::kLogWarn) return;
-      LogTally& t = Tally();
-      std::lock_guard<std::mutex> lock(t.mutex);
-      ++(priority >= OzmPlatform::kLogError ? t.errors : t.warnings);
-      if (t.first.size() < 8) t.first.push_back(text);
-    });
-    OzmTool::Av::QuietLibraryLogs();
-    return true;
-  }();
-  (void)installed;
-}
-
-std::string LogProblems() {
-  LogTally& t = Tally();
-  std::lock_guard<std::mutex> lock(t.mutex);
-  std::string out;
-  for (const std::string& line : t.first) out += (out.empty() ? "" : " | ") + line;
-  return out;
-}
-
-// --- Clips: the sample encoded once per length into build/bench-data.
-
-std::string BenchDataFolder() {
-  const char* env = std::getenv("OZM_BENCH_DATA_DIR");
-  return env && *env ? env : OZM_BENCH_DATA_DIR;
-}
-
-std::string ClipName(int frames) { return "sample-loop2-h264-s1024-c7-f" + std::to_string(frames); }
-
-// The clip's path, encoding it first when it is missing: the built-in sample with the bunny-loop2
-// mesh, the demo's coding (H.264 at constant quality, key frames every 30, Huffman inter frames)
-// but the "ultrafast" preset, which keeps the 60 s clip to a minute or two. Concurrent runs wait
-// for each other through a lock file; the clip is written under another name and renamed when done.
-std::string Clip(int frames, std::string* error) {
-  namespace fs = std::filesystem;
-  const fs::path folder = BenchDataFolder();
-  const fs::path path = folder / (ClipName(frames) + ".mp4");
-  std::error_code ec;
-  fs::create_directories(folder, ec);
-  if (ec) {
-    *error = "cannot make " + folder.string() + ": " + ec.message();
-    return "";
-  }
-  const std::string lockPath = (folder / (ClipName(frames) + ".lock")).string();
-  const int lock = ::open(lockPath.c_str(), O_CREAT | O_RDWR, 0644);
-  if (lock >= 0) ::flock(lock, LOCK_EX);
-  if (!fs::exists(path)) {
-    const std::string mesh = DataFolder() + "/bunny-loop2.mesh";
-    const fs::path part = folder / (ClipName(frames) + ".part.mp4");
-    if (!fs::exists(mesh)) {
-      *error = "missing " + mesh + " (run scripts/test-data.sh)";
-    } else {
-      try {
-        QuietPluginLog();
-        OzmTool::EncodeOptions o;
-        o.out = part.string();
-        o.sample = true;
-        o.sampleMesh = mesh;
-        o.frames = frames;
-        o.fps = 30;
-        o.width = o.height = kTextureSize;
-        o.codec = OzmTool::VideoCodec::H264;
-        o.interCoding = 7;
-        o.keyInterval = 30;
-        o.preset = "ultrafast";
-        std::fprintf(stderr, "playback: encoding %s (%d frames), once ...\n", path.c_str(), frames);
-        const OzmTool::EncodeSummary s = OzmTool::Encode(o);
-        std::fprintf(stderr, "playback: encoded in %.1f s (%" PRIu64 " triangles a frame)\n", s.seconds,
-                     s.frames ? s.triangles / static_cast<uint64_t>(s.frames) : 0);
-        fs::rename(part, path, ec);
-        if (ec) *error = "cannot rename " + part.string() + ": " + ec.message();
-      } catch (const std::exception& e) {
-        *error = std::string("encoding the clip failed: ") + e.what();
-        fs::remove(part, ec);
-      }
-    }
-  }
-  if (lock >= 0) {
-    ::flock(lock, LOCK_UN);
-    ::close(lock);
-  }
-  return error->empty() ? path.string() : "";
-}
-
 // --- Playing a clip through the plug-in.
 
 // What the render events copy: the plug-in leaves out whatever has no engine object.
@@ -255,29 +137,6 @@ struct PlayResult {
   long hwmAtFrameKb = -1;
 
   double Fps() const { return seconds > 0 ? clipFrames / seconds : 0; }
-};
-
-// An engine for one benchmark: started here, stopped (with the device shutdown event) at the end.
-// The benchmarks issue the render events themselves, on the engine's render thread; the engine's
-// own frames are rare and, with Inspect::None, never read the frame information.
-class ScopedEngine {
- public:
-  ScopedEngine() {
-    QuietPluginLog();
-    OzmEngine::EngineOptions options;
-    options.intervalMs = 250;
-    m_engine = std::make_unique<HeadlessEngine>(PluginApi::Linked(), options);
-    if (!m_engine->Start(&m_error)) m_engine.reset();
-  }
-  ~ScopedEngine() {
-    if (m_engine) m_engine->Stop();
-  }
-  HeadlessEngine* Get() const { return m_engine.get(); }
-  const std::string& Error() const { return m_error; }
-
- private:
-  std::unique_ptr<HeadlessEngine> m_engine;
-  std::string m_error;
 };
 
 // Opens the clip in a new player, gives it engine objects the size its file information asks for,
@@ -602,36 +461,10 @@ void Memory(benchmark::State& state, int frames) {
   std::string error;
   const std::string clip = Clip(frames, &error);
   if (!error.empty()) return state.SkipWithError(error.c_str());
-  char self[4096] = {};
-  const ssize_t n = ::readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (n <= 0) return state.SkipWithError("cannot find this program (/proc/self/exe)");
-  const std::string command = "'" + std::string(self, static_cast<size_t>(n)) + "' '" + kChildFlag + clip + "'";
   for (auto _ : state) {
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (!pipe) return state.SkipWithError("cannot start the child process");
-    char line[512];
-    std::string report;
-    while (std::fgets(line, sizeof(line), pipe)) {
-      if (std::strncmp(line, kChildLine, std::strlen(kChildLine)) == 0) report = line;
-    }
-    const int status = ::pclose(pipe);
-    unsigned drawn = 0, clipFrames = 0;
-    double seconds = 0;
-    long hwm = 0, base = 0, hwmAt300 = 0, rssEnd = 0;
-    if (status != 0 || std::sscanf(report.c_str(),
-                                   "playback-child frames=%u drawn=%u seconds=%lf hwm_kb=%ld base_kb=%ld hwm300_kb=%ld "
-                                   "rss_end_kb=%ld",
-                                   &clipFrames, &drawn, &seconds, &hwm, &base, &hwmAt300, &rssEnd) != 7) {
-      const std::string why = "the child process failed (status " + std::to_string(status) + "): " + report;
-      return state.SkipWithError(why.c_str());
-    }
-    state.SetIterationTime(seconds);
-    state.counters["frames"] = clipFrames;
-    state.counters["drawn"] = drawn;
-    state.counters["hwm_MiB"] = hwm / 1024.0;
-    state.counters["base_MiB"] = base / 1024.0;
-    state.counters["hwm_at300_MiB"] = hwmAt300 > 0 ? hwmAt300 / 1024.0 : 0;
-    state.counters["rss_end_MiB"] = rssEnd / 1024.0;
+    ChildReport report;
+    if (!RunPlaybackChild(clip, &report, &error)) return state.SkipWithError(error.c_str());
+    SetMemoryCounters(state, report);
   }
 }
 
@@ -643,21 +476,6 @@ const char* const kFFmpegRgba = "Playback/FFmpeg/decode+RGBA";
 const char* const kFFmpegPlain = "Playback/FFmpeg/decode";
 const char* const kFFmpegPlugin = "Playback/FFmpeg/decode+RGBA/2threads";
 const char* const kStepAll = "Playback/RenderStep/all";
-
-benchmark::internal::Benchmark* Once(benchmark::internal::Benchmark* b) {
-  return b->Iterations(1)->Repetitions(1)->UseManualTime()->Unit(benchmark::kMillisecond);
-}
-
-// A benchmark of this suite by the name it was registered with (the run's name adds its settings).
-const Measured* FindRun(const MeasuredRuns& runs, const std::string& name) {
-  for (const auto& [runName, measured] : runs) {
-    if (runName.compare(0, name.size() + 1, name + "/") == 0 &&
-        runName.compare(name.size() + 1, std::string::npos, "iterations:1/repeats:1/manual_time") == 0) {
-      return &measured;
-    }
-  }
-  return nullptr;
-}
 
 void AddGoals() {
   AddGoal([](const MeasuredRuns& runs) -> std::optional<nlohmann::json> {
@@ -737,6 +555,10 @@ int PlaybackChild(int argc, char** argv) {
     if (std::strncmp(argv[i], kChildFlag, std::strlen(kChildFlag)) == 0) clip = argv[i] + std::strlen(kChildFlag);
   }
   if (!clip) return -1;
+#ifdef OZM_TEST_HOOKS
+  // The HLS benchmarks give the child a stream served on the loopback interface.
+  OzmCrossPlatform::AllowLoopbackStreamingURLs(true);
+#endif
   ScopedEngine engine;
   if (!engine.Get()) {
     std::fprintf(stderr, "playback child: the headless engine does not start: %s\n", engine.Error().c_str());

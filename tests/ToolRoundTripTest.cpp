@@ -899,3 +899,179 @@ TEST_F(ToolRoundTrip, AnAudioTrackRidesAlongWithoutTouchingTheVideo) {
     EXPECT_FALSE(fs::exists(o.out));
   }
 }
+
+namespace {
+
+// inspect and export read an HLS stream through the player's own input and find in it what they
+// find in the MP4 of the same content: every frame's mesh, the key frames, the pictures, the tracks.
+TEST_F(ToolRoundTrip, AnHlsStreamReadsLikeTheMp4OfTheSameContent) {
+  struct Case {
+    const char* name;
+    VideoCodec codec;
+    bool audio;
+    ExportFormat format;
+  };
+  const std::vector<Case> cases = {
+      {"H.264, PLY", VideoCodec::H264, false, ExportFormat::Ply},
+      {"HEVC, OBJ", VideoCodec::Hevc, false, ExportFormat::Obj},
+      {"H.264 with audio, OBJ", VideoCodec::H264, true, ExportFormat::Obj},
+      {"HEVC with audio, PLY", VideoCodec::Hevc, true, ExportFormat::Ply},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(Path("hls"));
+    fs::create_directories(Path("hls"));
+    OzmTool::EncodeOptions o = SampleOptions(Path("clip.mp4"));
+    o.codec = c.codec;
+    o.sampleAudio = c.audio;
+    o.segmentSeconds = 0.3;
+    OzmTool::Encode(o);
+    o.out = Path("hls/clip.m3u8");
+    ASSERT_EQ(OzmTool::Encode(o).segments.size(), 3u);
+
+    const OzmTool::InspectReport mp4 = OzmTool::Inspect(Path("clip.mp4"));
+    const OzmTool::InspectReport hls = OzmTool::Inspect(o.out);
+    EXPECT_EQ(hls.format, "HLS (MPEG-TS segments)");
+    EXPECT_TRUE(hls.stream);
+    EXPECT_FALSE(hls.attributes.found);
+    EXPECT_EQ(hls.codec, c.codec);
+    EXPECT_EQ(hls.width, mp4.width);
+    EXPECT_EQ(hls.height, mp4.height);
+    EXPECT_NEAR(hls.seconds, kFrames / 30.0, 1e-3);
+    ASSERT_EQ(hls.tracks.size(), c.audio ? 2u : 1u);
+    ASSERT_EQ(hls.tracks.size(), mp4.tracks.size());
+    for (size_t t = 0; t < hls.tracks.size(); ++t) {
+      SCOPED_TRACE("track " + std::to_string(t));
+      const OzmTool::TrackInfo &got = hls.tracks[t], &want = mp4.tracks[t];
+      EXPECT_EQ(got.type, want.type);
+      EXPECT_EQ(got.codec, want.codec);
+      EXPECT_EQ(got.profile, want.profile);
+      EXPECT_EQ(got.width, want.width);
+      EXPECT_EQ(got.height, want.height);
+      EXPECT_EQ(got.fps, want.fps);
+      EXPECT_EQ(got.sampleRate, want.sampleRate);
+      EXPECT_EQ(got.channels, want.channels);
+      if (got.type == "video") {
+        EXPECT_EQ(got.frames, want.frames);
+        EXPECT_NEAR(got.seconds, want.seconds, 1e-3);
+      }
+    }
+    EXPECT_EQ(hls.problems, 0);
+    EXPECT_EQ(hls.framesWithMesh, mp4.framesWithMesh);
+    EXPECT_EQ(hls.meshKeyFrames, mp4.meshKeyFrames);
+    EXPECT_EQ(hls.meshBytes, mp4.meshBytes);
+    ASSERT_EQ(hls.frames.size(), static_cast<size_t>(kFrames));
+    ASSERT_EQ(hls.frames.size(), mp4.frames.size());
+    for (size_t i = 0; i < hls.frames.size(); ++i) {
+      SCOPED_TRACE("frame " + std::to_string(i));
+      const OzmTool::FrameInfo &got = hls.frames[i], &want = mp4.frames[i];
+      EXPECT_EQ(got.index, want.index);
+      EXPECT_NEAR(got.seconds, want.seconds, 1e-5);
+      EXPECT_EQ(got.pictureKey, want.pictureKey);
+      EXPECT_EQ(got.meshKey, want.meshKey);
+      EXPECT_TRUE(got.decoded) << got.problem;
+      EXPECT_EQ(got.meshBytes, want.meshBytes);
+      EXPECT_EQ(got.header.m_Version.word, want.header.m_Version.word);
+      EXPECT_EQ(got.header.m_frameId, want.header.m_frameId);
+      for (int a = 0; a < 3; ++a) {
+        EXPECT_EQ(got.header.m_bboxMin[a], want.header.m_bboxMin[a]);
+        EXPECT_EQ(got.header.m_bboxMax[a], want.header.m_bboxMax[a]);
+      }
+      EXPECT_EQ(got.vertices, want.vertices);
+      EXPECT_EQ(got.indices, want.indices);
+    }
+
+    // The frames exported from either are the same files, each with its own picture.
+    OzmTool::ExportOptions e;
+    e.frames = {kKeyInterval + 1, kKeyInterval + 3};
+    e.format = c.format;
+    e.path = Path("clip.mp4");
+    e.outDir = Path("from-mp4");
+    const OzmTool::ExportResult fromMp4 = OzmTool::Export(e);
+    e.path = o.out;
+    e.outDir = Path("from-hls");
+    const OzmTool::ExportResult fromHls = OzmTool::Export(e);
+    EXPECT_EQ(fromHls.meshesFrom, fromMp4.meshesFrom);
+    EXPECT_EQ(fromHls.picturesFrom, fromMp4.picturesFrom);
+    ASSERT_EQ(fromHls.frames.size(), 3u);
+    ASSERT_EQ(fromHls.frames.size(), fromMp4.frames.size());
+    for (size_t i = 0; i < fromHls.frames.size(); ++i) {
+      const OzmTool::ExportedFrame &got = fromHls.frames[i], &want = fromMp4.frames[i];
+      SCOPED_TRACE("exported frame " + std::to_string(got.index));
+      ASSERT_EQ(got.files.size(), want.files.size());
+      EXPECT_EQ(got.index, want.index);
+      EXPECT_EQ(ReadFile(got.files[0]), ReadFile(want.files[0])) << got.files[0];
+      EXPECT_EQ(NumberOnPicture(got.files.back()), got.index);
+    }
+    fs::remove_all(Path("from-mp4"));
+    fs::remove_all(Path("from-hls"));
+  }
+}
+
+// A stream that cannot be read ends the command at once with a ToolError that says why; a segment
+// cut short loses only its own frames.
+TEST_F(ToolRoundTrip, AnUnreadableHlsStreamFailsWithItsReason) {
+  fs::create_directories(Path("hls"));
+  OzmTool::EncodeOptions o = SampleOptions(Path("hls/clip.m3u8"));
+  o.segmentSeconds = 0.3;
+  const OzmTool::EncodeSummary summary = OzmTool::Encode(o);
+  ASSERT_EQ(summary.segments.size(), 3u);
+  const std::vector<uint8_t> playlist = ReadFile(o.out);
+
+  struct Bad {
+    const char* name;
+    std::string playlist;  // written into its own folder, with copies of the segments listed
+    bool withSegments;
+    const char* segmentText;  // replaces every segment when set
+    const char* message;
+  };
+  const std::string listed(playlist.begin(), playlist.end());
+  const std::vector<Bad> cases = {
+      {"no playlist", "", false, nullptr, "failed to open HLS playlist"},
+      {"no segment listed", "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXT-X-ENDLIST\n", false, nullptr, "lists no segments"},
+      {"the segments are missing", listed, false, nullptr, "has no video"},
+      {"the segments are not transport streams", listed, true, "not a transport stream\n", "has no video"},
+  };
+  for (const Bad& b : cases) {
+    SCOPED_TRACE(b.name);
+    const fs::path folder = m_dir / "bad";
+    fs::remove_all(folder);
+    fs::create_directories(folder);
+    const std::string path = (folder / "clip.m3u8").string();
+    if (!b.playlist.empty()) std::ofstream(path) << b.playlist;
+    for (const std::string& segment : summary.segments) {
+      if (!b.withSegments) continue;
+      std::ofstream(folder / fs::path(segment).filename()) << b.segmentText;
+    }
+    for (bool inspect : {true, false}) {
+      try {
+        if (inspect) {
+          OzmTool::Inspect(path);
+        } else {
+          OzmTool::ExportOptions e;
+          e.path = path;
+          e.outDir = Path("out");
+          OzmTool::Export(e);
+        }
+        ADD_FAILURE() << (inspect ? "inspect" : "export") << " accepted it";
+      } catch (const OzmTool::ToolError& e) {
+        const std::string message = e.what();
+        EXPECT_EQ(message.rfind("cannot open " + path + ": ", 0), 0u) << message;
+        EXPECT_NE(message.find(b.message), std::string::npos) << message;
+      }
+    }
+  }
+
+  // The last segment cut in the middle of a packet: the frames before it are all there.
+  const std::string last = summary.segments.back();
+  const std::vector<uint8_t> bytes = ReadFile(last);
+  std::ofstream(last, std::ios::binary | std::ios::trunc)
+      .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size() / 2 + 50));
+  const OzmTool::InspectReport report = OzmTool::Inspect(o.out);
+  const size_t whole = static_cast<size_t>(2 * summary.segmentFrames);
+  ASSERT_GE(report.frames.size(), whole);
+  EXPECT_LT(report.frames.size(), static_cast<size_t>(kFrames));
+  for (size_t i = 0; i < whole; ++i) EXPECT_TRUE(report.frames[i].decoded) << i << ": " << report.frames[i].problem;
+}
+
+}  // namespace

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # ozm encode, inspect, export and play from the command line: the clip (MP4 or HLS) is ordinary video
-# to FFmpeg, the JSON reports say what the text says, the built plug-in plays it with every drawn
-# frame paired, and bad command lines and unreadable or damaged inputs end with a message and exit
+# to FFmpeg, the JSON reports say what the text says, inspect and export read an HLS stream (from a
+# folder or a loopback http server) as they read the MP4 of the same content, the built plug-in
+# plays it with every drawn frame paired, and bad command lines and unreadable or damaged inputs end with a message and exit
 # status 1 (2 for play), never with a crash.
 #   ozm-tool-cli.sh OZM WORK_FOLDER TEST_DATA_FOLDER
 set -uo pipefail
@@ -124,6 +125,46 @@ for format in ply obj gltf; do
 done
 [ -s "$dir/obj/frame_000008.mtl" ] && [ -s "$dir/gltf/frame_000008.bin" ] || fail "export side files"
 
+# inspect and export read HLS through the player's own input: the same frames and meshes as the MP4
+# of the same content, the stream's tracks, no attribute block, and nothing on standard error.
+# One line a frame, for diff.
+frames_of() { jq -c '.frames[] | {index, picture_key, mesh, mesh_bytes, header, decoded, problem}' "$1"; }
+seconds_apart() {
+  jq -n --slurpfile a "$1" --slurpfile b "$2" \
+    '[range($a[0].frames | length) as $i | $a[0].frames[$i].seconds - $b[0].frames[$i].seconds |
+      if . < 0 then -. else . end] | max < 1e-5' >/dev/null
+}
+# stream, MP4 of the same pictures and meshes, tracks, audio sample rate and channels
+for row in "hls-h264/clip.m3u8 h264.mp4 1 0 0" "hls-hevc/clip.m3u8 hevc.mp4 1 0 0" \
+           "audio/clip.m3u8 h264.mp4 2 44100 2"; do
+  read -r stream mp4 tracks rate channels <<<"$row"
+  name=${stream//\//-}
+  "$ozm" inspect "$dir/$mp4" --json >"$dir/$name.mp4.json" || fail "inspect $mp4"
+  "$ozm" inspect "$dir/$stream" --json >"$dir/$name.json" 2>"$dir/$name.err" || fail "inspect $stream: $(cat "$dir/$name.err")"
+  [ ! -s "$dir/$name.err" ] || fail "inspect $stream wrote to standard error: $(cat "$dir/$name.err")"
+  differences=$(diff <(frames_of "$dir/$name.json") <(frames_of "$dir/$name.mp4.json") | head -n 4)
+  [ -z "$differences" ] || fail "frames of $stream and $mp4 differ: $differences"
+  seconds_apart "$dir/$name.json" "$dir/$name.mp4.json" || fail "frame times of $stream and $mp4 differ"
+  jq -e --slurpfile mp4 "$dir/$name.mp4.json" --argjson tracks "$tracks" --argjson rate "$rate" \
+    --argjson channels "$channels" '.format == "HLS (MPEG-TS segments)" and .attributes == null and
+     .texture == $mp4[0].texture and .summary == $mp4[0].summary and (.tracks | length) == $tracks and
+     (.tracks[0] | {codec, profile, width, height, fps, frames}) == ($mp4[0].tracks[0] | {codec, profile, width, height, fps, frames}) and
+     ($tracks == 1 or (.tracks[1] | .codec == "aac" and .sample_rate == $rate and .channels == $channels))' \
+    "$dir/$name.json" >/dev/null || fail "inspect $stream: $(cat "$dir/$name.json")"
+done
+out=$("$ozm" inspect "$dir/hls-hevc/clip.m3u8" --summary 2>&1) || fail "inspect HLS (text): $out"
+grep -q "HLS (MPEG-TS segments)" <<<"$out" && grep -q "attribute block: none" <<<"$out" &&
+  grep -q "12 of 12 access units carry one, 2 key frames" <<<"$out" || fail "inspect HLS (text): $out"
+for format in ply obj; do
+  "$ozm" export "$dir/hls-h264/clip.m3u8" --frames 7:9 --format "$format" --out "$dir/hls-$format" >/dev/null ||
+    fail "export HLS $format"
+  for i in 7 8 9; do
+    cmp -s "$dir/$format/frame_00000$i.$format" "$dir/hls-$format/frame_00000$i.$format" ||
+      fail "export $format frame $i: the HLS stream and the MP4 give different files"
+    [ -s "$dir/hls-$format/frame_00000$i.png" ] || fail "export HLS $format frame $i: no picture"
+  done
+done
+
 # play: the clip through the built plug-in in the headless engine, every drawn frame paired; with
 # auto-looping, two passes. The summary says so in text and JSON.
 out=$("$ozm" play "$clip" --no-audio 2>"$dir/play.log") || fail "play: $out $(tail -n 20 "$dir/play.log")"
@@ -201,12 +242,14 @@ expect_play_error "loops" "$clip" --loops 0
 expect_play_error "clock-scale" "$clip" --clock-scale 0
 expect_play_error "clip is required"
 
-expect_error "HLS input is not supported yet" "$ozm" inspect "$dir/list.m3u8"
+expect_error "cannot open $dir/list.m3u8: the HLS playlist lists no segments" "$ozm" inspect "$dir/list.m3u8"
+expect_error "cannot open $dir/none.m3u8: failed to open HLS playlist" "$ozm" inspect "$dir/none.m3u8"
 expect_error "cannot open $dir/missing.mp4" "$ozm" inspect "$dir/missing.mp4"
 expect_error "cannot open $dir/text.mp4" "$ozm" inspect "$dir/text.mp4"
 expect_error "5 of 5 frames have no readable mesh" "$ozm" inspect "$dir/plain.mp4"
 expect_error "frames" "$ozm" inspect "$clip" --frames x
-expect_error "HLS input is not supported yet" "$ozm" export "$dir/list.m3u8" --out "$dir/e"
+expect_error "cannot open $dir/list.m3u8: the HLS playlist lists no segments" "$ozm" export "$dir/list.m3u8" --out "$dir/e"
+expect_error "has 12 frames" "$ozm" export "$dir/hls-h264/clip.m3u8" --frames 10:12 --out "$dir/e"
 expect_error "has 12 frames" "$ozm" export "$clip" --frames 10:12 --out "$dir/e"
 expect_error "comes before the first" "$ozm" export "$clip" --frames 5:2 --out "$dir/e"
 expect_error "format" "$ozm" export "$clip" --format fbx --out "$dir/e"
@@ -215,14 +258,65 @@ expect_error "has 2 frames" "$ozm" export "$dir/cut.mp4" --frames 0:5 --out "$di
 expect_error "frame 1: the sample is not a sequence of NAL units" "$ozm" export "$dir/cut.mp4" --frames 1 --out "$dir/e"
 expect_error "1 of 2 frames have no readable mesh" "$ozm" inspect "$dir/cut.mp4"
 
-# Damaged clips: bytes overwritten inside the mesh data. Whatever the tools make of them, they end
-# with a status, not a signal.
+# HLS over http from loopback servers started here (and stopped at the end): the same report and
+# files as from the folder; a closed port, or a server that never sends a segment, ends the run with
+# a message within the time-out. Downloads go to a folder of this test, and are cleaned up.
+export OZM_DOWNLOAD_DIR=$dir/downloads
+servers=()
+trap 'for pid in "${servers[@]}"; do kill "$pid" 2>/dev/null; done' EXIT
+start_server() {  # folder, extra arguments; sets $port
+  local log=$dir/server-${#servers[@]}.out
+  python3 "$(dirname "$0")/loopback_http_server.py" --root "$1" --max-seconds 120 "${@:2}" >"$log" 2>&1 &
+  servers+=($!)
+  port=
+  for _ in $(seq 100); do
+    port=$(awk '/^PORT /{print $2}' "$log")
+    [ -n "$port" ] && return 0
+    sleep 0.1
+  done
+  fail "the loopback server did not start: $(cat "$log")"
+}
+elapsed_ms() { echo $((($(date +%s%N) - $1) / 1000000)); }
+start_server "$dir"
+url=http://127.0.0.1:$port
+"$ozm" inspect "$url/hls-hevc/clip.m3u8" --json >"$dir/http.json" 2>"$dir/http.err" ||
+  fail "inspect over http: $(cat "$dir/http.err")"
+[ ! -s "$dir/http.err" ] || fail "inspect over http wrote to standard error: $(cat "$dir/http.err")"
+diff -q <(frames_of "$dir/http.json") <(frames_of "$dir/hls-hevc-clip.m3u8.json") >/dev/null &&
+  [ "$(jq -c .tracks "$dir/http.json")" = "$(jq -c .tracks "$dir/hls-hevc-clip.m3u8.json")" ] ||
+  fail "inspect over http differs from the folder: $(cat "$dir/http.json")"
+"$ozm" export "$url/hls-h264/clip.m3u8" --frames 7:9 --out "$dir/http-ply" >/dev/null || fail "export over http"
+for i in 7 8 9; do
+  cmp -s "$dir/ply/frame_00000$i.ply" "$dir/http-ply/frame_00000$i.ply" || fail "export over http: frame $i differs"
+done
+[ -z "$(ls -A "$OZM_DOWNLOAD_DIR" 2>/dev/null)" ] || fail "downloads left behind: $(find "$OZM_DOWNLOAD_DIR")"
+expect_error "cannot open $url/none.m3u8: .*404" "$ozm" inspect "$url/none.m3u8"
+closed=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+start=$(date +%s%N)
+expect_error "cannot open http://127.0.0.1:$closed/clip.m3u8: .*connect" "$ozm" inspect "http://127.0.0.1:$closed/clip.m3u8"
+[ "$(elapsed_ms "$start")" -lt 10000 ] || fail "a closed port took $(elapsed_ms "$start") ms"
+start_server "$dir" --first-byte-delay 60
+start=$(date +%s%N)
+expect_error "nothing came from the stream for 1 s" "$ozm" inspect "http://127.0.0.1:$port/hls-h264/clip.m3u8" --timeout 1
+expect_error "nothing came from the stream for 1 s" "$ozm" export "http://127.0.0.1:$port/hls-h264/clip.m3u8" --timeout 1 --out "$dir/e"
+[ "$(elapsed_ms "$start")" -lt 10000 ] || fail "two time-outs of 1 s took $(elapsed_ms "$start") ms"
+for pid in "${servers[@]}"; do kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; done
+servers=()
+
+# Damaged clips: bytes overwritten inside the mesh data (of the MP4, and of the first HLS segment,
+# packet headers included). Whatever the tools make of them, they end with a status, not a signal.
 size=$(stat -c %s "$clip")
+mkdir -p "$dir/damaged"
+cp "$dir/hls-h264/clip.m3u8" "$dir/hls-h264/clip_00001.ts" "$dir/damaged/"
 for offset in 4000 20000 60000 $((size / 2)); do
   cp "$clip" "$dir/damaged.mp4"
-  printf '\x00\x00\x01\xff\x00\x00\x00\x00\x13\x37\xff\xff\x00\x00' |
-    dd of="$dir/damaged.mp4" bs=1 seek="$offset" conv=notrunc status=none
-  for command in "inspect $dir/damaged.mp4" "export $dir/damaged.mp4 --frames 0:11 --out $dir/d"; do
+  cp "$dir/hls-h264/clip_00000.ts" "$dir/damaged/"
+  for file in "$dir/damaged.mp4" "$dir/damaged/clip_00000.ts"; do
+    printf '\x00\x00\x01\xff\x00\x00\x00\x00\x13\x37\xff\xff\x00\x00' |
+      dd of="$file" bs=1 seek="$offset" conv=notrunc status=none
+  done
+  for command in "inspect $dir/damaged.mp4" "export $dir/damaged.mp4 --frames 0:11 --out $dir/d" \
+                 "inspect $dir/damaged/clip.m3u8" "export $dir/damaged/clip.m3u8 --frames 0:11 --out $dir/d"; do
     # shellcheck disable=SC2086
     err=$("$ozm" $command 2>&1 >/dev/null)
     rc=$?

@@ -5,16 +5,19 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include "OzmCore/CComPtr.h"
 #include "OzmCore/MeshFrame.h"
 #include "OzmCore/MeshPayload.h"
 #include "OzmCore/OzmAttributes.h"
 #include "OzmCore/OzmMeshReader.h"
+#include "input/HlsPlaylist.h"
 #include "platform/host/LogCapture.h"
 #include "tools/ozm/Format.h"
 #include "tools/ozm/MeshStream.h"
 #include "tools/ozm/ToolError.h"
+#include "tools/ozm/media/StreamReader.h"
 #include "tools/ozm/media/VolumetricReader.h"
 
 namespace OzmTool {
@@ -88,22 +91,10 @@ AttributeInfo ReadAttributes(const std::string& path) {
   return info;
 }
 
-InspectReport Inspect(const std::string& path) {
-  if (IsPlaylist(path)) throw ToolError(path + ": HLS input is not supported yet; inspect an .mp4 file");
-  InspectReport report;
-  report.path = path;
-  std::error_code ec;
-  report.fileBytes = std::filesystem::file_size(path, ec);
-  VolumetricReader reader(path);
-  const AVFormatContext* format = reader.Format();
-  report.format = format->iformat->long_name ? format->iformat->long_name : format->iformat->name;
-  if (format->duration != AV_NOPTS_VALUE) report.seconds = static_cast<double>(format->duration) / AV_TIME_BASE;
-  for (unsigned i = 0; i < format->nb_streams; ++i) report.tracks.push_back(TrackOf(format->streams[i]));
-  report.codec = reader.Codec();
-  report.width = reader.Video()->codecpar->width;
-  report.height = reader.Video()->codecpar->height;
-  report.attributes = ReadAttributes(path);
+namespace {
 
+// Every access unit's mesh, found in the Annex B sample and decoded with the player's reader.
+void ReadFrames(AccessUnitSource& reader, InspectReport* report) {
   // The player's reader: float vertices with normals.
   OZMCORE::CComPtr<OzmCrossPlatform::BufferAllocator> allocator(new OzmCrossPlatform::BufferAllocator);
   Ozm::COzmMeshReader meshReader;
@@ -145,12 +136,83 @@ InspectReport Inspect(const std::string& path) {
         }
       }
     }
-    report.framesWithMesh += f.meshFound ? 1 : 0;
-    report.meshKeyFrames += f.meshKey ? 1 : 0;
-    report.meshBytes += f.meshBytes;
-    report.problems += f.problem.empty() ? 0 : 1;
-    report.frames.push_back(std::move(f));
+    report->framesWithMesh += f.meshFound ? 1 : 0;
+    report->meshKeyFrames += f.meshKey ? 1 : 0;
+    report->meshBytes += f.meshBytes;
+    report->problems += f.problem.empty() ? 0 : 1;
+    report->frames.push_back(std::move(f));
   }
+}
+
+// The playlist and its segments, for a playlist on this machine; 0 when it cannot be read.
+uint64_t LocalStreamBytes(const std::string& playlist) {
+  std::ifstream file(playlist, std::ios::binary);
+  if (!file) return 0;
+  const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  uint64_t bytes = text.size();
+  const std::filesystem::path folder = std::filesystem::path(playlist).parent_path();
+  for (const HlsSegment& segment : ParseHlsPlaylistText(text)) {
+    std::error_code ec;
+    const std::filesystem::path at =
+        segment.uri.compare(0, 1, "/") == 0 ? std::filesystem::path(segment.uri) : folder / segment.uri;
+    const uintmax_t size = std::filesystem::file_size(at, ec);
+    if (!ec) bytes += size;
+  }
+  return bytes;
+}
+
+InspectReport InspectStream(const std::string& path, double timeoutSeconds) {
+  InspectReport report;
+  report.path = path;
+  report.format = "HLS (MPEG-TS segments)";
+  report.stream = true;
+  StreamReader reader(path, timeoutSeconds);
+  report.codec = reader.Codec();
+  report.width = reader.Tracks()[0].width;
+  report.height = reader.Tracks()[0].height;
+  report.seconds = static_cast<double>(reader.FileInfo().duration) / 1e7;
+  report.fileBytes =
+      reader.Remote() ? static_cast<uint64_t>(reader.FileInfo().fileSizeMB * 1048576.0) : LocalStreamBytes(path);
+  ReadFrames(reader, &report);
+  // The tracks as read: counts and lengths are known once every sample has gone by.
+  for (size_t i = 0; i < reader.Tracks().size(); ++i) {
+    const StreamTrack& s = reader.Tracks()[i];
+    TrackInfo t;
+    t.index = static_cast<int>(i);
+    t.type = s.video ? "video" : "audio";
+    t.codec = s.codec;
+    t.profile = s.profile;
+    t.width = s.width;
+    t.height = s.height;
+    t.fps = s.frameRate;
+    t.frames = s.frames;
+    t.seconds = s.seconds;
+    if (s.seconds > 0) t.bitRate = static_cast<int64_t>(static_cast<double>(s.bytes) * 8 / s.seconds);
+    t.sampleRate = s.sampleRate;
+    t.channels = s.channels;
+    report.tracks.push_back(t);
+  }
+  return report;
+}
+
+}  // namespace
+
+InspectReport Inspect(const std::string& path, double timeoutSeconds) {
+  if (IsPlaylist(path)) return InspectStream(path, timeoutSeconds);
+  InspectReport report;
+  report.path = path;
+  std::error_code ec;
+  report.fileBytes = std::filesystem::file_size(path, ec);
+  VolumetricReader reader(path);
+  const AVFormatContext* format = reader.Format();
+  report.format = format->iformat->long_name ? format->iformat->long_name : format->iformat->name;
+  if (format->duration != AV_NOPTS_VALUE) report.seconds = static_cast<double>(format->duration) / AV_TIME_BASE;
+  for (unsigned i = 0; i < format->nb_streams; ++i) report.tracks.push_back(TrackOf(format->streams[i]));
+  report.codec = reader.Codec();
+  report.width = reader.Video()->codecpar->width;
+  report.height = reader.Video()->codecpar->height;
+  report.attributes = ReadAttributes(path);
+  ReadFrames(reader, &report);
   return report;
 }
 

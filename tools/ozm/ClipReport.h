@@ -1,5 +1,6 @@
-// ozm inspect: what a volumetric file holds. Its tracks, the attribute block at its end, and every
-// access unit's mesh, found in the Annex B sample and decoded exactly as the player does it.
+// ozm inspect: what a volumetric clip holds. Its tracks, the attribute block at the end of an MP4
+// file, and every access unit's mesh, found in the Annex B sample and decoded exactly as the player
+// does it. HLS streams (local or http(s) playlists) are read through the player's own HLS input.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +9,7 @@
 
 #include "OzmCore/StreamingMeshHeader.h"
 #include "tools/ozm/media/NalUnits.h"
+#include "tools/ozm/media/StreamReader.h"
 
 namespace OzmTool {
 
@@ -52,6 +54,7 @@ struct InspectReport {
   std::string path;
   uint64_t fileBytes = 0;
   std::string format;
+  bool stream = false;  // an HLS stream, which has no attribute block
   double seconds = 0;
   std::vector<TrackInfo> tracks;
   VideoCodec codec = VideoCodec::H264;
@@ -65,8 +68,8 @@ struct InspectReport {
 // Reads the attribute block out of the file's last kilobyte with the player's reader.
 AttributeInfo ReadAttributes(const std::string& path);
 
-// Throws ToolError when the file cannot be read at all (or is a playlist, not supported yet);
-// problems of single frames are recorded in the report.
-InspectReport Inspect(const std::string& path);
+// Throws ToolError when the clip cannot be read at all, or an HLS stream keeps the tool waiting
+// longer than `timeoutSeconds`; problems of single frames are recorded in the report.
+InspectReport Inspect(const std::string& path, double timeoutSeconds = kStreamTimeoutSeconds);
 
 }  // namespace OzmTool

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <memory>
 
 #include "OzmCore/CComPtr.h"
 #include "OzmCore/MeshFrame.h"
@@ -15,6 +16,7 @@
 #include "tools/ozm/MeshStream.h"
 #include "tools/ozm/Sample.h"
 #include "tools/ozm/media/Png.h"
+#include "tools/ozm/media/StreamReader.h"
 #include "tools/ozm/media/VolumetricReader.h"
 
 namespace OzmTool {
@@ -70,10 +72,15 @@ std::string FrameBase(int64_t index) {
   return name;
 }
 
+// An MP4 file through libavformat; an HLS playlist through the player's own HLS input.
+std::unique_ptr<AccessUnitSource> OpenClip(const ExportOptions& o) {
+  if (IsPlaylist(o.path)) return std::make_unique<StreamReader>(o.path, o.timeoutSeconds);
+  return std::make_unique<VolumetricReader>(o.path);
+}
+
 }  // namespace
 
 ExportResult Export(const ExportOptions& o) {
-  if (IsPlaylist(o.path)) throw ToolError(o.path + ": HLS input is not supported yet; export from an .mp4 file");
   if (o.outDir.empty()) throw ToolError("no output folder (--out)");
   ExportResult result;
 
@@ -81,9 +88,9 @@ ExportResult Export(const ExportOptions& o) {
   // inside the file.
   int64_t meshStart = -1, pictureStart = 0;
   {
-    VolumetricReader scan(o.path);
+    const std::unique_ptr<AccessUnitSource> scan = OpenClip(o);
     AccessUnit au;
-    while (scan.Next(&au)) {
+    while (scan->Next(&au)) {
       result.frameCount = au.index + 1;
       if (au.index <= o.frames.first) {
         if (au.keyFrame) pictureStart = au.index;
@@ -110,8 +117,9 @@ ExportResult Export(const ExportOptions& o) {
 
   // Second pass: meshes from their key frame with the player's reader and layout, pictures from
   // theirs; a frame is written once both of its halves are there.
-  VolumetricReader reader(o.path);
-  PictureDecoder pictures(reader.Video());
+  const std::unique_ptr<AccessUnitSource> reader = OpenClip(o);
+  const std::unique_ptr<PictureDecoder> decoder = reader->Pictures();
+  PictureDecoder& pictures = *decoder;
   Ozm::COzmMeshReader meshReader;
   meshReader.Initialize(NewAllocator(), 0x0F);
   std::map<int64_t, int64_t> frameOfPts;
@@ -143,7 +151,7 @@ ExportResult Export(const ExportOptions& o) {
 
   AccessUnit au;
   const int64_t from = std::min(meshStart, pictureStart);
-  while (reader.Next(&au)) {
+  while (reader->Next(&au)) {
     if (au.index > o.frames.last) break;
     if (au.index < from) continue;
     frameOfPts[au.pts] = au.index;

@@ -1,5 +1,5 @@
-// ozm export: decoded frames of a volumetric file as mesh files (PLY, OBJ or glTF in the engine's
-// vertex layout) with their decoded pictures as PNG textures.
+// ozm export: decoded frames of a volumetric clip (an MP4 file or an HLS stream) as mesh files (PLY,
+// OBJ or glTF in the engine's vertex layout) with their decoded pictures as PNG textures.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +8,7 @@
 
 #include "tools/ozm/FrameRange.h"
 #include "tools/ozm/MeshFiles.h"
+#include "tools/ozm/media/StreamReader.h"
 
 namespace OzmTool {
 
@@ -17,6 +18,8 @@ struct ExportOptions {
   ExportFormat format = ExportFormat::Ply;
   std::string outDir;
   bool embed = false;  // glTF: the buffer and the picture inside the JSON file
+  // HLS: the longest wait for the stream (its playlist, its first segment, its next sample).
+  double timeoutSeconds = kStreamTimeoutSeconds;
 };
 
 struct ExportedFrame {

@@ -16,6 +16,7 @@ struct ExportCommandLine {
   std::string format = "ply";
   std::string out;
   bool embed = false;
+  double timeout = kStreamTimeoutSeconds;
 };
 
 int Run(const ExportCommandLine& c) {
@@ -26,6 +27,7 @@ int Run(const ExportCommandLine& c) {
     o.format = c.format == "obj" ? ExportFormat::Obj : c.format == "gltf" ? ExportFormat::Gltf : ExportFormat::Ply;
     o.outDir = c.out;
     o.embed = c.embed;
+    o.timeoutSeconds = c.timeout;
     Av::QuietLibraryLogs();
     const ExportResult r = Export(o);
     std::printf("exported %zu frames of %s to %s (meshes decoded from key frame %" PRId64 ", pictures from %" PRId64
@@ -49,11 +51,14 @@ void AddExportCommand(CLI::App& app, std::function<int()>* run) {
   auto c = std::make_shared<ExportCommandLine>();
   CLI::App* cmd =
       app.add_subcommand("export", "Write decoded frames as PLY, OBJ or glTF meshes with their pictures as PNG");
-  cmd->add_option("file", c->path, "Volumetric file (.mp4)")->required();
+  cmd->add_option("file", c->path, "Volumetric clip: an .mp4 file or an HLS playlist (.m3u8, a file or an http(s) URL)")
+      ->required();
   cmd->add_option("--frames", c->frames, "Frames to export, FIRST:LAST or N (counted from 0; default 0)");
   cmd->add_option("--format", c->format, "Mesh file format")->check(CLI::IsMember({"ply", "obj", "gltf"}));
   cmd->add_option("-o,--out", c->out, "Output folder (made when missing)")->required();
   cmd->add_flag("--embed", c->embed, "glTF: put the buffer and the picture inside the .gltf file");
+  cmd->add_option("--timeout", c->timeout, "HLS: seconds to wait for the stream before giving up")
+      ->check(CLI::PositiveNumber);
   cmd->callback([run, c] { *run = [c] { return Run(*c); }; });
 }
 

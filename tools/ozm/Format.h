@@ -28,7 +28,7 @@ inline bool EndsWithNoCase(const std::string& s, const std::string& suffix) {
   return true;
 }
 
-// A playlist of segments: HLS, which encode writes (and the readers do not read yet).
+// A playlist of segments: HLS, which encode writes and inspect and export read.
 inline bool IsPlaylist(const std::string& path) { return EndsWithNoCase(path, ".m3u8"); }
 
 }  // namespace OzmTool

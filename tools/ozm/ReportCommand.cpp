@@ -18,6 +18,7 @@ struct InspectCommandLine {
   std::string frames;
   bool json = false;
   bool summaryOnly = false;
+  double timeout = kStreamTimeoutSeconds;
 };
 
 using NFlags = uint8_t;
@@ -125,7 +126,9 @@ void PrintReport(const InspectReport& r, const FrameRange& range, bool summaryOn
   }
   std::printf("texture %dx%d (%s)\n", r.width, r.height, r.codec == VideoCodec::H264 ? "H.264" : "HEVC");
   const AttributeInfo& a = r.attributes;
-  if (!a.found) {
+  if (r.stream) {
+    std::printf("attribute block: none (an HLS stream carries none)\n");
+  } else if (!a.found) {
     std::printf("attribute block: not found in the last kilobyte\n");
   } else {
     if (a.blockBytes) {
@@ -174,7 +177,7 @@ int Run(const InspectCommandLine& c) {
   try {
     const FrameRange range = c.frames.empty() ? FrameRange{} : ParseFrameRange(c.frames);
     Av::QuietLibraryLogs();
-    const InspectReport report = Inspect(c.path);
+    const InspectReport report = Inspect(c.path, c.timeout);
     if (c.json) {
       std::printf("%s\n", ReportJson(report, range).dump(2).c_str());
     } else {
@@ -197,9 +200,12 @@ int Run(const InspectCommandLine& c) {
 void AddInspectCommand(CLI::App& app, std::function<int()>* run) {
   auto c = std::make_shared<InspectCommandLine>();
   CLI::App* cmd =
-      app.add_subcommand("inspect", "Show the tracks, the attribute block and every frame's mesh of a volumetric file");
-  cmd->add_option("file", c->path, "Volumetric file (.mp4)")->required();
+      app.add_subcommand("inspect", "Show the tracks, the attribute block and every frame's mesh of a volumetric clip");
+  cmd->add_option("file", c->path, "Volumetric clip: an .mp4 file or an HLS playlist (.m3u8, a file or an http(s) URL)")
+      ->required();
   cmd->add_option("--frames", c->frames, "Frames to list, FIRST:LAST or N (counted from 0; default: all)");
+  cmd->add_option("--timeout", c->timeout, "HLS: seconds to wait for the stream before giving up")
+      ->check(CLI::PositiveNumber);
   cmd->add_flag("--summary", c->summaryOnly, "Leave out the per-frame table");
   cmd->add_flag("--json", c->json, "Print the report as JSON");
   cmd->footer("Exits with 1 when the file cannot be read or some frame has no readable mesh.");

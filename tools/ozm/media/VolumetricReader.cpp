@@ -1,5 +1,7 @@
 #include "tools/ozm/media/VolumetricReader.h"
 
+#include <algorithm>
+
 namespace OzmTool {
 
 VolumetricReader::VolumetricReader(const std::string& path)
@@ -58,13 +60,38 @@ bool VolumetricReader::Next(AccessUnit* au) {
   return true;
 }
 
+std::unique_ptr<PictureDecoder> VolumetricReader::Pictures() const { return std::make_unique<PictureDecoder>(Video()); }
+
 PictureDecoder::PictureDecoder(const AVStream* stream) : m_frame(Av::NewFrame()) {
-  const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
-  if (!codec) throw ToolError(std::string("this FFmpeg cannot decode ") + avcodec_get_name(stream->codecpar->codec_id));
+  Open(stream->codecpar, stream->time_base);
+}
+
+PictureDecoder::PictureDecoder(VideoCodec codec, const std::vector<uint8_t>& parameterSets, AVRational timeBase)
+    : m_frame(Av::NewFrame()) {
+  struct ParametersFree {
+    void operator()(AVCodecParameters* p) const { avcodec_parameters_free(&p); }
+  };
+  std::unique_ptr<AVCodecParameters, ParametersFree> parameters(avcodec_parameters_alloc());
+  if (!parameters) throw ToolError("out of memory (decoder)");
+  parameters->codec_type = AVMEDIA_TYPE_VIDEO;
+  parameters->codec_id = codec == VideoCodec::H264 ? AV_CODEC_ID_H264 : AV_CODEC_ID_HEVC;
+  if (!parameterSets.empty()) {
+    // FFmpeg's H.264 and HEVC decoders take extradata in Annex B form as well as in avcC/hvcC form.
+    parameters->extradata = static_cast<uint8_t*>(av_mallocz(parameterSets.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (!parameters->extradata) throw ToolError("out of memory (decoder)");
+    std::copy(parameterSets.begin(), parameterSets.end(), parameters->extradata);
+    parameters->extradata_size = static_cast<int>(parameterSets.size());
+  }
+  Open(parameters.get(), timeBase);
+}
+
+void PictureDecoder::Open(const AVCodecParameters* parameters, AVRational timeBase) {
+  const AVCodec* codec = avcodec_find_decoder(parameters->codec_id);
+  if (!codec) throw ToolError(std::string("this FFmpeg cannot decode ") + avcodec_get_name(parameters->codec_id));
   m_decoder.reset(avcodec_alloc_context3(codec));
   if (!m_decoder) throw ToolError("out of memory (decoder)");
-  Av::Check(avcodec_parameters_to_context(m_decoder.get(), stream->codecpar), "decoder parameters");
-  m_decoder->pkt_timebase = stream->time_base;
+  Av::Check(avcodec_parameters_to_context(m_decoder.get(), parameters), "decoder parameters");
+  m_decoder->pkt_timebase = timeBase;
   Av::Check(avcodec_open2(m_decoder.get(), codec, nullptr), std::string("cannot open the ") + codec->name + " decoder");
 }
 

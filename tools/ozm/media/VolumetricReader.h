@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -23,17 +24,30 @@ struct AccessUnit {
   std::string damage;    // why the sample could not be turned into Annex B (annexB is empty then)
 };
 
-class VolumetricReader {
+class PictureDecoder;
+
+// The video track of a clip, whatever its container: an MP4 file (VolumetricReader) or an HLS
+// stream (StreamReader).
+class AccessUnitSource {
+ public:
+  virtual ~AccessUnitSource() = default;
+  virtual VideoCodec Codec() const = 0;
+  // The next access unit of the video track; false after the last one. A sample that cannot be
+  // read as NAL units is returned with its damage described, and reading goes on after it.
+  virtual bool Next(AccessUnit* au) = 0;
+  // A decoder for the track's pictures, taking the packets of the access units.
+  virtual std::unique_ptr<PictureDecoder> Pictures() const = 0;
+};
+
+class VolumetricReader final : public AccessUnitSource {
  public:
   explicit VolumetricReader(const std::string& path);
 
   AVFormatContext* Format() const { return m_input.get(); }
   const AVStream* Video() const { return m_input->streams[m_stream]; }
-  VideoCodec Codec() const { return m_codec; }
-
-  // The next access unit of the video track; false after the last one. A sample that cannot be
-  // read as NAL units is returned with its damage described, and reading goes on after it.
-  bool Next(AccessUnit* au);
+  VideoCodec Codec() const override { return m_codec; }
+  bool Next(AccessUnit* au) override;
+  std::unique_ptr<PictureDecoder> Pictures() const override;
 
  private:
   std::string m_path;
@@ -49,6 +63,9 @@ class VolumetricReader {
 class PictureDecoder {
  public:
   explicit PictureDecoder(const AVStream* stream);
+  // For a track known by its codec and its parameter sets in Annex B form (start codes), with
+  // packet times in `timeBase`.
+  PictureDecoder(VideoCodec codec, const std::vector<uint8_t>& parameterSets, AVRational timeBase);
 
   // Sends a stored packet (null at the end); each picture that comes out is handed to sink with its
   // pts and its RGB rows (width * 3 bytes each, no padding).
@@ -57,6 +74,8 @@ class PictureDecoder {
   int Height() const { return m_decoder->height; }
 
  private:
+  void Open(const AVCodecParameters* parameters, AVRational timeBase);
+
   Av::CodecPtr m_decoder;
   Av::FramePtr m_frame;
   std::vector<uint8_t> m_rgb;
