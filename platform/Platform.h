@@ -24,13 +24,18 @@ class SurfaceTexture {
   virtual void UpdateTexImage() = 0;
   // The timestamp (ns) of the latched picture: exactly the time it was released at.
   virtual int64_t GetTimestamp() = 0;
+  // Whether `platformObject`, the object the platform announces a new picture with, is this
+  // texture: the Java SurfaceTexture on Android (compared as Java objects), this object itself on
+  // a platform without one.
+  virtual bool IsSameObject(const void* platformObject) const { return platformObject == this; }
 };
 
-// Called when a surface texture has a new picture; set once by the plug-in.
-using FrameAvailableHandler = void (*)(SurfaceTexture* texture);
+// Called when a surface texture has a new picture, with the platform's object for it (see
+// SurfaceTexture::IsSameObject); set once by the plug-in.
+using FrameAvailableHandler = void (*)(const void* platformObject);
 void SetFrameAvailableHandler(FrameAvailableHandler handler);
-// For backends: announces a new picture of `texture`.
-void NotifyFrameAvailable(SurfaceTexture* texture);
+// For backends: announces a new picture of the surface texture `platformObject` stands for.
+void NotifyFrameAvailable(const void* platformObject);
 
 // Called when a download started with Platform::DownloadFileFromUrl ends: the local file it was
 // saved to, or null when it failed. `nativeHandle` is the one given with the request. Reported on a

@@ -29,9 +29,9 @@ void SetFrameAvailableHandler(FrameAvailableHandler handler) {
   g_frameAvailable.store(handler, std::memory_order_release);
 }
 
-void NotifyFrameAvailable(SurfaceTexture* texture) {
+void NotifyFrameAvailable(const void* platformObject) {
   const FrameAvailableHandler handler = g_frameAvailable.load(std::memory_order_acquire);
-  if (handler) handler(texture);
+  if (handler) handler(platformObject);
 }
 
 void SetDownloadCompleteHandler(DownloadCompleteHandler handler) {

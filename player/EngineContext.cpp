@@ -76,13 +76,13 @@ bool RemoveSurfaceTextureEntry(OzmPlatform::SurfaceTexture* texture) {
   return true;
 }
 
-bool SignalFrameAvailable(OzmPlatform::SurfaceTexture* texture) {
+bool SignalFrameAvailable(const void* platformObject) {
   // The flag is set under the table lock, so a player cannot be destroyed between the look-up and
   // the store: its mesh thread removes the entry (under this lock) before the player goes away.
   std::lock_guard<std::mutex> lock(Get().tableMutex);
   for (const auto& entry : Get().table) {
-    if (entry.first == texture) {
-      entry.second->OnFrameAvailable();
+    if (entry.first->IsSameObject(platformObject)) {
+      entry.second->OnFrameAvailable(platformObject);
       return true;
     }
   }

@@ -40,7 +40,8 @@ void DeleteRetiredGLObjects();
 void AddSurfaceTextureEntry(OzmPlatform::SurfaceTexture* texture, LumoObject* player);
 // False when the texture has no entry.
 bool RemoveSurfaceTextureEntry(OzmPlatform::SurfaceTexture* texture);
-// Raises the frame-available flag of the texture's player; false when no player has the texture.
-bool SignalFrameAvailable(OzmPlatform::SurfaceTexture* texture);
+// Raises the frame-available flag of the player whose texture is `platformObject` (the first in
+// table order, see SurfaceTexture::IsSameObject); false when no player has it.
+bool SignalFrameAvailable(const void* platformObject);
 // The players in table order (for tests of the table).
 std::vector<LumoObject*> SurfaceTexturePlayers();

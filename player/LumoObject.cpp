@@ -15,6 +15,21 @@ using std::chrono::milliseconds;
 // ---------------------------------------------------------------------------------------------
 // Worker control.
 
+void LumoObject::OnFrameAvailable(const void* platformObject) {
+  // The table entry that led here was added after m_surfaceTexture was set, under the table's lock,
+  // which the caller holds.
+  OzmPlatform::SurfaceTexture* own = m_surfaceTexture.get();
+  if (!own) {
+    OZM_LOGE("[%i] OnFrameAvailable m_surfaceTexture is null", m_id);
+    return;
+  }
+  if (!own->IsSameObject(platformObject)) {
+    OZM_LOGI("ASSERT FAILED: '%s' at %s line %i", "env->IsSameObject(surfaceTexture, m_surfaceTexture)",
+             "OzmUnityPluginAndroid", 2017);
+  }
+  m_frameAvailable.store(1);
+}
+
 void LumoObject::Worker::Hold() {
   {
     std::lock_guard<std::mutex> lock(wakeMutex);

@@ -70,8 +70,9 @@ class LumoObject {
     CancelStream();
   }
 
-  // Called by the platform (any thread) when the player's surface texture has a new picture.
-  void OnFrameAvailable() { m_frameAvailable.store(1); }
+  // Called by the platform (any thread) when the player's surface texture, `platformObject`, has
+  // a new picture.
+  void OnFrameAvailable(const void* platformObject);
   OzmPlatform::SurfaceTexture* SurfaceTexture() const { return m_surfaceTexture.get(); }
 
   // How long Rewind and Close wait for a worker to fall asleep before going on without it.

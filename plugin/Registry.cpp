@@ -14,9 +14,9 @@ struct InterfaceGuid {
 };
 [[maybe_unused]] const InterfaceGuid kGraphicsInterfaceGuid = {0x7CBA0A9CA4DDB544ULL, 0x8C5AD4926EB17B11ULL};
 
-void OnFrameAvailable(OzmPlatform::SurfaceTexture* texture) {
-  if (!SignalFrameAvailable(texture)) {
-    OZM_LOGE("couldn't find LumoObject for surfaceTexture = %p", static_cast<void*>(texture));
+void OnFrameAvailable(const void* surfaceTexture) {
+  if (!SignalFrameAvailable(surfaceTexture)) {
+    OZM_LOGE("couldn't find LumoObject for surfaceTexture = %p", surfaceTexture);
   }
 }
 

@@ -21,6 +21,10 @@ packages=(
   libcurl4-openssl-dev python3
   # the ffmpeg command line and jq, which the tool tests check files and reports with
   ffmpeg jq
+  # the plug-in's Java class and its JNI bridge, compiled and run on a desktop JVM
+  openjdk-17-jdk-headless
+  # the engine-side C# binding, compiled and run with Mono
+  mono-mcs mono-runtime
 )
 
 missing=()

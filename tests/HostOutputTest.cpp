@@ -220,7 +220,9 @@ class Announcements {
     return instance;
   }
 
-  static void Handler(SurfaceTexture* texture) {
+  // The host announces a picture with the surface texture itself.
+  static void Handler(const void* platformObject) {
+    auto* texture = static_cast<SurfaceTexture*>(const_cast<void*>(platformObject));
     Announcements& a = Get();
     {
       std::lock_guard<std::mutex> lock(a.m_mutex);
