@@ -6,9 +6,10 @@
 # For each ABI it configures and builds build/android-<abi>, then checks that
 #   1. the library needs no shared library beyond the system ones the plug-in is allowed to use and
 #      the shared C++ runtime;
-#   2. every symbol it imports is defined by one of those libraries (the NDK's stubs for the API
-#      level, and its libc++_shared.so), or is a compiler builtin;
-#   3. it exports nothing that plugin/exported-symbols.txt does not list;
+#   2. every symbol it imports is defined by one of the libraries it needs (the NDK's stubs for the
+#      API level, and its libc++_shared.so), or is a compiler builtin; the NEEDED list and every
+#      import with its library go to build/android-<abi>/imports.txt, with counts on screen;
+#   3. it exports exactly the symbols plugin/exported-symbols.txt lists;
 #   4. on arm64-v8a, its LOAD segments are aligned for 16 KB pages.
 # JOBS sets the build parallelism (default 2); LLVM_READELF and LLVM_NM override the tools used.
 set -euo pipefail
@@ -162,17 +163,19 @@ check_abi() {
     fi
   done
 
-  # 2. Imported symbols. The reference libraries are the API-level stubs of the allowed system
-  # libraries and the C++ runtime.
-  local provided
-  provided=$(mktemp)
+  # 2. Imported symbols, each with the library that defines it. The references are the API-level
+  # stubs of the allowed system libraries and the C++ runtime. A symbol is credited to the first
+  # library of the NEEDED list that defines it (the order the loader searches them in); one that
+  # only a library outside that list defines would not be found at run time, so it fails too.
+  local defs
+  defs=$(mktemp)
   local missing=()
   for lib_name in "${allowed_needed[@]}"; do
     if [ "$lib_name" = libc++_shared.so ]; then
       continue
     fi
     if [ -f "$stubs/$lib_name" ]; then
-      dynamic_names "$stubs/$lib_name" --defined-only >>"$provided"
+      dynamic_names "$stubs/$lib_name" --defined-only | sed "s|^|$lib_name |" >>"$defs"
     else
       missing+=("$lib_name")
     fi
@@ -185,13 +188,13 @@ check_abi() {
     fi
   done
   if [ -n "$cxx_runtime" ]; then
-    dynamic_names "$cxx_runtime" --defined-only >>"$provided"
+    dynamic_names "$cxx_runtime" --defined-only | sed 's|^|libc++_shared.so |' >>"$defs"
   else
     # The shared runtime bundles libc++abi, so its exports can at least be checked against that.
     cxx_note="this NDK has no libc++_shared.so for $abi; C++ runtime imports were checked against libc++abi.a only"
     for candidate in "$stl/libc++abi.a" "$sysroot/usr/lib/$triple/libc++abi.a"; do
       if [ -f "$candidate" ]; then
-        archive_exports "$candidate" >>"$provided"
+        archive_exports "$candidate" | sed 's|^|libc++_shared.so |' >>"$defs"
         break
       fi
     done
@@ -200,26 +203,81 @@ check_abi() {
   if [ ${#missing[@]} -gt 0 ]; then
     fail "the NDK lacks the API $api stubs of: ${missing[*]}"
   fi
-  sort -u -o "$provided" "$provided"
 
-  local undefined symbol
-  undefined=$(dynamic_names "$lib" --undefined-only)
-  local builtins=() unresolved=() runtime=()
   # Without the shared C++ runtime only its ABI part could be read: the rest of the standard
   # library (namespace std::__ndk1, the exception classes, the unwinder) is then taken on trust.
   local runtime_re='^(_ZN?K?St6__ndk1|_ZT[ISV]NSt6__ndk1|_ZNSt[0-9]|_ZNKSt[0-9]|_ZSt|_ZT[ISV]St|_Unwind_)'
-  for symbol in $undefined; do
-    if grep -qxF -- "$symbol" "$provided"; then
-      continue
-    elif [ -n "$cxx_note" ] && [[ $symbol =~ $runtime_re ]]; then
-      runtime+=("$symbol")
-    elif [[ $symbol =~ $builtin_re ]]; then
-      builtins+=("$symbol")
-    else
-      unresolved+=("$symbol")
+  # One line per import: "<library> <symbol>", where the library is a NEEDED one, "builtin" (a
+  # compiler support routine no library provides), "libc++_shared.so(unchecked)" (runtime taken
+  # on trust), "not-needed:<library>" (defined only by an allowed library the plug-in does not
+  # need) or "unresolved".
+  local resolved
+  resolved=$(dynamic_names "$lib" --undefined-only |
+    awk -v needed="$(tr '\n' ' ' <<<"$needed")" -v builtin_re="$builtin_re" -v runtime_re="$runtime_re" -v trust="${cxx_note:+1}" '
+      BEGIN { n = split(needed, order, / +/); for (i = 1; i <= n; i++) if (order[i] != "") rank[order[i]] = i }
+      FILENAME == ARGV[1] {
+        lib = $1; sym = $2
+        if (lib in rank) {
+          if (!(sym in owner) || rank[lib] < rank[owner[sym]]) owner[sym] = lib
+        } else if (!(sym in other)) {
+          other[sym] = lib
+        }
+        next
+      }
+      {
+        sym = $1
+        if (sym in owner) print owner[sym], sym
+        else if (trust && sym ~ runtime_re) print "libc++_shared.so(unchecked)", sym
+        else if (sym ~ builtin_re) print "builtin", sym
+        else if (sym in other) print "not-needed:" other[sym], sym
+        else print "unresolved", sym
+      }' "$defs" - | sort -k1,1 -k2,2)
+  rm -f "$defs"
+
+  local imports_file="$build/imports.txt"
+  {
+    echo "# Imports of plugin/libOzmUnityPlugin.so, $abi, API $api ($(basename "$ANDROID_NDK"))."
+    echo "# NEEDED <library>, in the order the loader searches them; then <library> <symbol> for"
+    echo "# every imported symbol: the NEEDED library whose API-$api stub (or C++ runtime) defines it,"
+    echo "# 'builtin' for a compiler support routine that no library provides,"
+    echo "# 'libc++_shared.so(unchecked)' for a C++ runtime symbol that could not be checked, and"
+    echo "# 'not-needed:<library>' or 'unresolved' for symbols no NEEDED library defines."
+    if [ -n "$cxx_note" ]; then
+      echo "# Note: $cxx_note."
     fi
+    for lib_name in $needed; do
+      echo "NEEDED $lib_name"
+    done
+    if [ -n "$resolved" ]; then
+      echo "$resolved"
+    fi
+  } >"$imports_file"
+
+  # On screen: the count for every NEEDED library (in NEEDED order, none left out), then the
+  # other kinds of imports where there are any.
+  local counts
+  counts=$(awk 'NF == 2 {n[$1]++} END {for (l in n) printf "%s %d\n", l, n[l]}' <<<"$resolved")
+  echo "== $abi: imports by library (listing in ${imports_file#"$root"/})"
+  local count_lib count_n
+  for count_lib in $needed; do
+    count_n=$(awk -v l="$count_lib" '$1 == l {print $2}' <<<"$counts")
+    printf '    %-26s %5d\n' "$count_lib" "${count_n:-0}"
   done
-  rm -f "$provided"
+  while read -r count_lib count_n; do
+    if [ -n "$count_lib" ] && [[ " $(tr '\n' ' ' <<<"$needed") " != *" $count_lib "* ]]; then
+      printf '    %-26s %5d\n' "$count_lib" "$count_n"
+    fi
+  done <<<"$(sort <<<"$counts")"
+
+  local builtins=() runtime=() unresolved=() label symbol
+  while read -r label symbol; do
+    case "$label" in
+      builtin) builtins+=("$symbol") ;;
+      'libc++_shared.so(unchecked)') runtime+=("$symbol") ;;
+      not-needed:*) unresolved+=("$symbol (only in ${label#not-needed:}, which is not NEEDED)") ;;
+      unresolved) unresolved+=("$symbol") ;;
+    esac
+  done <<<"$resolved"
   if [ ${#builtins[@]} -gt 0 ]; then
     echo "note [$abi]: compiler builtins left to the loader: ${builtins[*]}"
   fi
@@ -227,17 +285,18 @@ check_abi() {
     echo "note [$abi]: ${#runtime[@]} C++ standard library import(s) not checked (no libc++_shared.so here)"
   fi
   if [ ${#unresolved[@]} -gt 0 ]; then
-    fail "${#unresolved[@]} imported symbol(s) defined by none of the allowed libraries:"
+    fail "${#unresolved[@]} imported symbol(s) defined by none of the needed libraries at API $api:"
     printf '    %s\n' "${unresolved[@]}" >&2
     if [ -n "$cxx_note" ]; then
       echo "    ($cxx_note)" >&2
     fi
   fi
 
-  # 3. Exported symbols.
+  # 3. Exported symbols: exactly the list, no more (nothing internal leaks out) and no less (the
+  # engine and the Java class look every one of them up by name).
   local allowed_exports
   allowed_exports=$(sed -e 's/#.*//' -e 's/[[:space:]]//g' -e '/^$/d' "$root/plugin/exported-symbols.txt" | sort -u)
-  local exported=() unexpected=()
+  local exported=() unexpected=() absent=()
   for symbol in $(dynamic_names "$lib" --defined-only); do
     if [[ $symbol =~ $linker_markers_re ]]; then
       continue
@@ -247,11 +306,19 @@ check_abi() {
       unexpected+=("$symbol")
     fi
   done
-  if [ ${#exported[@]} -eq 0 ]; then
-    fail "exports no symbol at all"
+  for symbol in $allowed_exports; do
+    if [[ " ${exported[*]} " != *" $symbol "* ]]; then
+      absent+=("$symbol")
+    fi
+  done
+  if [ -z "$allowed_exports" ]; then
+    fail "plugin/exported-symbols.txt lists no symbol"
   fi
   if [ ${#unexpected[@]} -gt 0 ]; then
     fail "exports symbol(s) not listed in plugin/exported-symbols.txt: ${unexpected[*]}"
+  fi
+  if [ ${#absent[@]} -gt 0 ]; then
+    fail "does not export ${#absent[@]} symbol(s) of plugin/exported-symbols.txt: ${absent[*]}"
   fi
 
   # 4. Page alignment: every LOAD segment of an arm64 library must suit 16 KB pages.

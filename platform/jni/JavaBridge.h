@@ -35,7 +35,9 @@ class JavaBridge {
  public:
   static JavaBridge& Get();
 
-  // The body of Java_com_OzmUnityPlugin_JavaPlugin_onCreated.
+  // The body of Java_com_OzmUnityPlugin_JavaPlugin_onCreated. The plug-in methods are looked up on
+  // `pluginClass`; a member that is missing is logged and recorded (Lookups) and its id stays null,
+  // and the calls that need it fail with an error. A second call replaces the references and ids.
   void OnCreated(JNIEnv* env, jclass pluginClass, jobject plugin, jobject assetManager, jint useObb);
   // The body of Java_com_OzmUnityPlugin_JavaPlugin_onFrameAvailableNative: fills the surface
   // texture's ids on the first call, then hands the Java object to the frame-available handler
@@ -48,15 +50,18 @@ class JavaBridge {
   // True once onCreated has run and found the VM.
   bool Ready() const;
   JavaVM* Vm() const;
-  // Global references made by onCreated (null before).
+  // Global references made by onCreated (null before), valid until the next onCreated.
   jobject Plugin() const;
   jobject AssetManager() const;
   // Whether onCreated was told an expansion archive is in use (and found its method).
   bool HasObbRoute() const;
 
   // The calling thread's environment, attaching it to the VM when it is not yet; null without a
-  // VM or when attaching fails. An attachment stays until DetachCurrentThread.
+  // VM or when attaching fails. An attachment made here stays until DetachCurrentThread, or until
+  // the thread exits, which detaches it.
   JNIEnv* AttachCurrentThread();
+  // Detaches the calling thread if AttachCurrentThread attached it; a thread that was attached
+  // otherwise (a Java thread) stays attached.
   void DetachCurrentThread();
   // The calling thread's environment if it is attached, else null (never attaches).
   JNIEnv* CurrentEnv() const;
@@ -102,10 +107,18 @@ class JavaPlatform : public OzmPlatform::Platform {
   // (createSurfaceTextureSurface), as a global reference the caller deletes; null on failure. The
   // Android backend makes its native window from it.
   jobject CreateJavaSurface(JNIEnv* env, OzmPlatform::SurfaceTexture& texture);
+  // The descriptor number inside a java.io.FileDescriptor (its int field "descriptor" on Android);
+  // -1 when it cannot be read.
+  virtual int DescriptorOf(JNIEnv* env, jobject fileDescriptor);
+
+ private:
+  // Both asset-descriptor routes: the Java call with the path, then the descriptor, its range, and a
+  // duplicate of the descriptor that the caller owns.
+  bool OpenJavaDescriptor(bool obb, const char* path, OzmPlatform::AssetFileDescriptor* out);
 };
 
 // The Java SurfaceTexture behind a surface texture made by JavaPlatform (a global reference owned
-// by it), or null for one made otherwise.
+// by it), or null for one made otherwise or already released (ReleaseSurfaceTexture).
 jobject JavaObjectOf(const OzmPlatform::SurfaceTexture& texture);
 
 }  // namespace OzmJni
