@@ -491,10 +491,18 @@ void HeadlessEngine::RenderPlayer(Player& player) {
     stats.glErrors += glErrors;
     if (!glProblem.empty() && stats.problems.size() < kMaxProblems) stats.problems.push_back(glProblem);
   }
-  if (s.inspect != Inspect::None) InspectFrame(player);
+  if (s.inspect == Inspect::None) return;
+  AfterEvent seen;
+  InspectFrame(player, &seen);
+  if (s.afterEvent) {
+    seen.player = player.id;
+    seen.targets = &player.targets;
+    seen.event = player.events;
+    s.afterEvent(seen);
+  }
 }
 
-void HeadlessEngine::InspectFrame(Player& player) {
+void HeadlessEngine::InspectFrame(Player& player, AfterEvent* seen) {
   OzmFrameInfo info{};
   m_callStart.store(Now());
   m_currentCall.store("GetLumoObjectFrameInfo");
@@ -521,6 +529,9 @@ void HeadlessEngine::InspectFrame(Player& player) {
     }
   }
 
+  seen->info = info;
+  seen->newFrame = changed;
+  seen->verdict = verdict;
   std::lock_guard<std::mutex> lock(m_statsMutex);
   PlayerStats& stats = m_stats[player.id];
   stats.lastInfo = info;

@@ -65,6 +65,23 @@ struct DrawnFrame {
 // when not, may say why. Runs on the render thread.
 using FrameCheck = std::function<bool(const DrawnFrame& frame, std::string* why)>;
 
+struct EngineTargets;
+
+// What the engine saw after a render event of a player, for the player's after-event hook.
+struct AfterEvent {
+  int player = 0;
+  const EngineTargets* targets = nullptr;  // the player's texture and buffers
+  OzmFrameInfo info{};                     // the frame information read after the event
+  bool newFrame = false;                   // the event made a new frame current
+  int verdict = -1;                        // of that frame's check: 1 paired, 0 mismatched, -1 not checked
+  uint64_t event = 0;                      // the player's render event, from 1
+};
+
+// Runs on the render thread after each render event of a player and its inspection, with the engine's
+// context current: where an engine draws its scene with what the plug-in gave it. It may draw with
+// the player's texture and buffers, and must leave the GL bindings and state as it found them.
+using AfterEventHook = std::function<void(const AfterEvent& event)>;
+
 struct PlayerSetup {
   int textureWidth = 128;
   int textureHeight = 128;
@@ -73,6 +90,8 @@ struct PlayerSetup {
   RenderPath path = RenderPath::Unity;
   Inspect inspect = Inspect::Readback;
   FrameCheck check;  // with Inspect::Readback; without one, drawn frames are neither paired nor mismatched
+  // With Inspect::FrameInfo or Inspect::Readback.
+  AfterEventHook afterEvent;
 };
 
 // The engine objects of a player: GL names in the engine's context, to be registered with
@@ -173,7 +192,7 @@ class HeadlessEngine {
   void RunTasks();
   void RenderFrame();
   void RenderPlayer(Player& player);
-  void InspectFrame(Player& player);
+  void InspectFrame(Player& player, AfterEvent* seen);
   bool ReadBack(Player& player, const OzmFrameInfo& info, DrawnFrame* frame, std::string* why);
   void DeletePlayerObjects(Player& player);
 

@@ -1,5 +1,7 @@
 #include "tools/ozm/PairingCheck.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <mutex>
 
@@ -8,8 +10,10 @@
 #include "OzmCore/MeshPayload.h"
 #include "OzmCore/OzmMeshReader.h"
 #include "platform/host/LogCapture.h"
+#include "tools/ozm/Format.h"
 #include "tools/ozm/Sample.h"
 #include "tools/ozm/ToolError.h"
+#include "tools/ozm/media/StreamReader.h"
 #include "tools/ozm/media/VolumetricReader.h"
 
 namespace PairingCheck {
@@ -60,8 +64,15 @@ int TextureNumber(const OzmEngine::DrawnFrame& frame, bool* upsideDown) {
 Clip::Clip(const std::string& path) : m_path(path) {
   try {
     OzmPlatform::ScopedLogCapture quiet;
-    OzmTool::VolumetricReader reader(path);
-    OzmTool::PictureDecoder pictures(reader.Video());
+    std::unique_ptr<OzmTool::AccessUnitSource> source;
+    if (OzmTool::IsPlaylist(path)) {
+      source = std::make_unique<OzmTool::StreamReader>(path);
+    } else {
+      source = std::make_unique<OzmTool::VolumetricReader>(path);
+    }
+    OzmTool::AccessUnitSource& reader = *source;
+    const std::unique_ptr<OzmTool::PictureDecoder> decoder = reader.Pictures();
+    OzmTool::PictureDecoder& pictures = *decoder;
     OZMCORE::CComPtr<IOzmBufferAllocator> allocator(new OzmCrossPlatform::BufferAllocator);
     Ozm::COzmMeshReader meshReader;
     meshReader.Initialize(allocator, kPlayerReaderFlags);
@@ -87,6 +98,7 @@ Clip::Clip(const std::string& path) : m_path(path) {
 
       ExpectedFrame f;
       f.index = au.index;
+      f.seconds = au.seconds;
       f.frameId = mesh->FrameId();
       f.vertices.assign(static_cast<size_t>(mesh->NumVertices()) * kVertexBytes, 0);
       f.indices.assign(mesh->NumIndices(), 0);
@@ -106,9 +118,41 @@ Clip::Clip(const std::string& path) : m_path(path) {
       auto frame = byPts.find(pts);
       if (frame != byPts.end()) m_frames[frame->second].pictureNumber = number;
     }
-    if (m_frames.empty()) m_error = path + ": no frames";
+    if (m_frames.empty()) {
+      m_error = path + ": no frames";
+    } else {
+      MeasureFrames();
+    }
   } catch (const std::exception& e) {
     m_error = e.what();
+  }
+}
+
+void Clip::MeasureFrames() {
+  std::vector<double> intervals;
+  for (size_t i = 1; i < m_frames.size(); ++i) intervals.push_back(m_frames[i].seconds - m_frames[i - 1].seconds);
+  if (!intervals.empty()) {
+    std::nth_element(intervals.begin(), intervals.begin() + static_cast<std::ptrdiff_t>(intervals.size() / 2),
+                     intervals.end());
+    const double interval = intervals[intervals.size() / 2];
+    if (interval > 0) {
+      // Whole rates stay whole despite the rounding of the container's time base.
+      const double rate = 1 / interval;
+      m_frameRate = std::fabs(rate - std::round(rate)) < 0.01 ? std::round(rate) : rate;
+    }
+  }
+  bool any = false;
+  for (const ExpectedFrame& f : m_frames) {
+    for (size_t at = 0; at + kVertexBytes <= f.vertices.size(); at += kVertexBytes) {
+      float p[3];
+      std::memcpy(p, &f.vertices[at], sizeof p);
+      if (!std::isfinite(p[0]) || !std::isfinite(p[1]) || !std::isfinite(p[2])) continue;
+      for (int a = 0; a < 3; ++a) {
+        m_box[a] = any ? std::min(m_box[a], static_cast<double>(p[a])) : p[a];
+        m_box[3 + a] = any ? std::max(m_box[3 + a], static_cast<double>(p[a])) : p[a];
+      }
+      any = true;
+    }
   }
 }
 

@@ -8,6 +8,7 @@
 // and the mesh to check.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <map>
@@ -21,6 +22,7 @@ namespace PairingCheck {
 
 struct ExpectedFrame {
   int64_t index = 0;              // position in the video track
+  double seconds = 0;             // its time, from the first frame's
   uint32_t frameId = 0;           // the mesh's frame id
   int pictureNumber = -1;         // the number read from the decoded picture, -1 when unreadable
                                   // (the sample numbers pictures from 0, mesh frame ids from 1)
@@ -30,7 +32,8 @@ struct ExpectedFrame {
 
 class Clip {
  public:
-  // Decodes the clip's meshes and pictures; Error() says what failed.
+  // Decodes the clip's meshes and pictures: an MP4 file, or an HLS playlist (a file or an http(s)
+  // address) read through the player's own HLS input. Error() says what failed.
   explicit Clip(const std::string& path);
 
   const std::string& Path() const { return m_path; }
@@ -42,6 +45,10 @@ class Clip {
   uint32_t MaxIndices() const { return m_maxIndices; }
   int Width() const { return m_width; }
   int Height() const { return m_height; }
+  // Frames a second, from the frames' times (30 for a clip of one frame).
+  double FrameRate() const { return m_frameRate; }
+  // The box around every vertex of every frame: x, y, z of the least and of the greatest corner.
+  const std::array<double, 6>& Box() const { return m_box; }
 
   // Says whether a drawn frame is paired: the number in the engine's texture, the frame id of the
   // frame information and the frame whose vertices (byte for byte) and indices the engine's buffers
@@ -60,12 +67,16 @@ class Clip {
   uint64_t ReadUpsideDown() const { return m_readUpsideDown.load(); }
 
  private:
+  void MeasureFrames();
+
   std::string m_path;
   std::string m_error;
   std::vector<ExpectedFrame> m_frames;
   std::map<uint32_t, size_t> m_byFrameId;
   uint32_t m_maxVertices = 0, m_maxIndices = 0;
   int m_width = 0, m_height = 0;
+  double m_frameRate = 30;
+  std::array<double, 6> m_box{};
   mutable std::atomic<uint64_t> m_readAsReturned{0};
   mutable std::atomic<uint64_t> m_readUpsideDown{0};
 };

@@ -1,11 +1,33 @@
 #include "tools/ozm/media/Mp4Writer.h"
 
 #include <cstdio>
+#include <memory>
 
 namespace OzmTool {
 
 Mp4Writer::Mp4Writer(const std::string& path, const AVCodecContext* video, const AVCodecContext* audio)
     : m_path(path), m_encoderTimeBase(video->time_base) {
+  if (!audio) {
+    Open(video, nullptr, AVRational{0, 1});
+    return;
+  }
+  struct ParametersFree {
+    void operator()(AVCodecParameters* p) const { avcodec_parameters_free(&p); }
+  };
+  std::unique_ptr<AVCodecParameters, ParametersFree> parameters(avcodec_parameters_alloc());
+  if (!parameters) throw ToolError("out of memory (MP4 track)");
+  Av::Check(avcodec_parameters_from_context(parameters.get(), audio), "MP4 audio track parameters");
+  Open(video, parameters.get(), audio->time_base);
+}
+
+Mp4Writer::Mp4Writer(const std::string& path, const AVCodecContext* video, const AVCodecParameters* audio,
+                     AVRational audioTimeBase)
+    : m_path(path), m_encoderTimeBase(video->time_base) {
+  Open(video, audio, audioTimeBase);
+}
+
+void Mp4Writer::Open(const AVCodecContext* video, const AVCodecParameters* audio, AVRational audioTimeBase) {
+  const std::string& path = m_path;
   AVFormatContext* raw = nullptr;
   Av::Check(avformat_alloc_output_context2(&raw, nullptr, "mp4", path.c_str()), "cannot make an MP4 muxer");
   m_output.reset(raw);
@@ -19,9 +41,10 @@ Mp4Writer::Mp4Writer(const std::string& path, const AVCodecContext* video, const
   if (audio) {
     AVStream* sound = avformat_new_stream(raw, nullptr);
     if (!sound) throw ToolError("out of memory (MP4 track)");
-    Av::Check(avcodec_parameters_from_context(sound->codecpar, audio), "MP4 audio track parameters");
-    sound->time_base = audio->time_base;
-    m_audioTimeBase = audio->time_base;
+    Av::Check(avcodec_parameters_copy(sound->codecpar, audio), "MP4 audio track parameters");
+    sound->codecpar->codec_tag = 0;
+    sound->time_base = audioTimeBase;
+    m_audioTimeBase = audioTimeBase;
   }
   const int opened = avio_open(&raw->pb, path.c_str(), AVIO_FLAG_WRITE);
   if (opened < 0) throw ToolError("cannot write " + path + ": " + Av::ErrorText(opened));

@@ -16,6 +16,9 @@ class Mp4Writer {
   // Opens the file and writes the header for a video track with the encoder's parameters, and an
   // audio track after it when audio is given.
   Mp4Writer(const std::string& path, const AVCodecContext* video, const AVCodecContext* audio = nullptr);
+  // The same with an audio track copied from another file: its parameters and its packets' time base.
+  Mp4Writer(const std::string& path, const AVCodecContext* video, const AVCodecParameters* audio,
+            AVRational audioTimeBase);
   ~Mp4Writer();
   Mp4Writer(const Mp4Writer&) = delete;
   Mp4Writer& operator=(const Mp4Writer&) = delete;
@@ -31,6 +34,8 @@ class Mp4Writer {
   static void Append(const std::string& path, const std::vector<uint8_t>& bytes);
 
  private:
+  void Open(const AVCodecContext* video, const AVCodecParameters* audio, AVRational audioTimeBase);
+
   std::string m_path;
   Av::OutputPtr m_output;
   AVRational m_encoderTimeBase;

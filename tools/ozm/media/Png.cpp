@@ -25,7 +25,7 @@ void NoFlush(png_structp) {}
 
 }  // namespace
 
-std::vector<uint8_t> EncodePng(int width, int height, const uint8_t* rgb, int stride) {
+std::vector<uint8_t> EncodePng(int width, int height, const uint8_t* rgb, int stride, int level) {
   std::vector<uint8_t> out;
   std::string error;
   png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &error, OnPngError, OnPngWarning);
@@ -42,7 +42,7 @@ std::vector<uint8_t> EncodePng(int width, int height, const uint8_t* rgb, int st
   png_set_write_fn(png, &out, AppendBytes, NoFlush);
   png_set_IHDR(png, info, static_cast<png_uint_32>(width), static_cast<png_uint_32>(height), 8, PNG_COLOR_TYPE_RGB,
                PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-  png_set_compression_level(png, 6);
+  png_set_compression_level(png, level);
   png_write_info(png, info);
   for (int y = 0; y < height; ++y) png_write_row(png, const_cast<png_bytep>(rgb + static_cast<ptrdiff_t>(y) * stride));
   png_write_end(png, nullptr);
@@ -50,8 +50,8 @@ std::vector<uint8_t> EncodePng(int width, int height, const uint8_t* rgb, int st
   return out;
 }
 
-void WritePng(const std::string& path, int width, int height, const uint8_t* rgb, int stride) {
-  const std::vector<uint8_t> bytes = EncodePng(width, height, rgb, stride);
+void WritePng(const std::string& path, int width, int height, const uint8_t* rgb, int stride, int level) {
+  const std::vector<uint8_t> bytes = EncodePng(width, height, rgb, stride, level);
   std::FILE* file = std::fopen(path.c_str(), "wb");
   if (!file) throw ToolError("cannot write " + path);
   const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
