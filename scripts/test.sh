@@ -18,6 +18,9 @@ presets=${OZM_TEST_PRESETS:-host host-asan host-tsan fuzz}
 jobs=$(nproc 2>/dev/null || echo 2)
 total=0
 failed=0
+# What the failing tests printed, shown at the very end where it is easy to find.
+failures=$(mktemp)
+trap 'rm -f "$failures"' EXIT
 for preset in $presets; do
   echo "== $preset: configure and build"
   cmake --preset "$preset" >/dev/null
@@ -31,8 +34,12 @@ for preset in $presets; do
   cmake --build --preset "$preset" -j "$jobs" "${targets[@]}"
   echo "== $preset: tests"
   log=$(mktemp)
-  if ctest --preset "$preset" -j "$jobs" "${select[@]}" 2>&1 | tee "$log" | grep -E '^ *[0-9]+/[0-9]+ Test|tests passed|tests failed|\*\*\*'; then :; fi
+  if ctest --preset "$preset" -j "$jobs" --output-on-failure "${select[@]}" 2>&1 | tee "$log" |
+    grep -E '^ *[0-9]+/[0-9]+ Test|tests passed|tests failed|\*\*\*'; then :; fi
   summary=$(grep -E 'tests passed, [0-9]+ tests failed out of [0-9]+' "$log" || true)
+  if grep -qE '\*\*\*(Failed|Timeout|Exception)' "$log"; then
+    { echo "== $preset: output of the failed tests"; grep -vE '^ *([0-9]+/[0-9]+ Test|Start +[0-9]+:)' "$log"; } >>"$failures"
+  fi
   rm -f "$log"
   if [ -z "$summary" ]; then
     echo "== $preset: ctest did not report a result"
@@ -44,5 +51,6 @@ for preset in $presets; do
   failed=$((failed + bad))
   echo "== $preset: $summary"
 done
+if [ -s "$failures" ]; then tail -n 400 "$failures"; fi
 echo "tests: $((total - failed)) passed, $failed failed"
 [ "$failed" -eq 0 ]
