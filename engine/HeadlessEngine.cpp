@@ -137,6 +137,16 @@ void HeadlessEngine::Stop() {
   m_thread.join();
 }
 
+#if defined(__SANITIZE_THREAD__)
+namespace {
+// Under ThreadSanitizer Mesa's software rasteriser draws on the calling thread. Its own worker
+// threads are not instrumented, and destroying a context while they wound down has crashed inside
+// the driver there (about once in a few hundred runs). Set before main, while the process has one
+// thread, and only when the environment does not choose already.
+[[maybe_unused]] const bool kRasteriserOnCallingThread = [] { return setenv("LP_NUM_THREADS", "0", 0) == 0; }();
+}  // namespace
+#endif
+
 bool HeadlessEngine::MakeContext(std::string* error) {
   auto getPlatformDisplay =
       reinterpret_cast<PFNEGLGETPLATFORMDISPLAYEXTPROC>(eglGetProcAddress("eglGetPlatformDisplayEXT"));
