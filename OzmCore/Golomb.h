@@ -29,13 +29,38 @@ class CGolombDecompressor {
   // than numBits / 2 + 1 bytes, since every code is at least two bits long.
   HRESULT Decompress(const uint32_t* words, uint32_t numBits, uint8_t M, uint8_t center, std::vector<uint8_t>& out);
 
- private:
-  // Long streams are decoded several short codes at a time through a table made for their M and
-  // center, kept for the next stream with the same two.
-  void PrepareTable(uint8_t M, uint8_t center);
+  // One stream of DecompressAxes, its words as made by Ozm::BitStreamFromStoredWords (padding
+  // included).
+  struct Axis {
+    const uint8_t* bytes;
+    uint32_t numBits;
+    uint8_t M;
+    uint8_t center;
+    std::vector<uint8_t>* out;
+  };
+  // Decodes three independent streams (the axes of a frame) into their outputs with exactly the
+  // results of Decompress on each. When the arguments of one are refused (as by Decompress), its
+  // result code is returned and the outputs are not to be used. The streams' symbols are decoded in
+  // step, which lets the processor work on the three at once.
+  HRESULT DecompressAxes(const Axis axes[3]);
 
-  std::vector<uint64_t> m_table;
-  int m_tableKey = -1;  // M << 8 | center of m_table
+  // Codes of up to kTableBits bits are looked up: entry = output byte before the center is added |
+  // code length << 8, or 0 for a longer code.
+  static constexpr uint32_t kTableBits = 11;
+
+ private:
+  // The table of M, made on first use. Tables of the last few M are kept, since a sequence uses
+  // few; keep one decompressor for many streams.
+  const uint16_t* TableFor(uint8_t M);
+
+  struct Table {
+    uint8_t M = 0;
+    uint64_t lastUse = 0;
+    std::vector<uint16_t> entries;  // empty until made
+  };
+  static constexpr size_t kTables = 16;
+  Table m_tables[kTables];
+  uint64_t m_uses = 0;
 };
 
 namespace OzmGolomb {

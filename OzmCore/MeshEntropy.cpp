@@ -2,6 +2,7 @@
 #include <cstring>
 #include <vector>
 
+#include "OzmCore/BitDecoding.h"
 #include "OzmCore/Golomb.h"
 #include "OzmCore/Huffman.h"
 #include "OzmCore/OzmMeshReader.h"
@@ -28,6 +29,21 @@ HRESULT ReadWords(IStream* stream, uint32_t numBits, std::vector<uint32_t>& word
     words[w] = static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 | static_cast<uint32_t>(b[2]) << 16 |
                static_cast<uint32_t>(b[3]) << 24;
   }
+  return S_OK;
+}
+
+// Reads the ceil(numBits / 32) little-endian words of a coded stream as the bytes BitCursor reads
+// (Ozm::BitStreamFromStoredWords). A stream cut short is refused.
+HRESULT ReadBitStream(IStream* stream, uint32_t numBits, std::vector<uint8_t>& bits) {
+  const uint64_t count = 4 * ((static_cast<uint64_t>(numBits) + 31) / 32);
+  std::vector<uint8_t> stored;
+  const HRESULT hr = ReadBlock(stream, count, stored);
+  if (OZM_FAILED(hr)) return hr;
+  if (stored.size() < count) {
+    OZM_LOGE("entropy-coded axis: %zu of %llu bytes present", stored.size(), static_cast<unsigned long long>(count));
+    return E_FAIL;
+  }
+  BitStreamFromStoredWords(stored.data(), stored.size(), bits);
   return S_OK;
 }
 
@@ -60,36 +76,30 @@ HRESULT COzmMeshReader::ReadGolombCodedVertices(COzmMeshReaderCtx* ctx, IStream*
     if (OZM_FAILED(hr)) return hr;
   }
 
-  std::vector<uint8_t> axes[3];
-  std::vector<uint32_t> words;
-  CGolombDecompressor golomb;
+  std::vector<uint8_t>* axes = m_scratch.axes;
+  CGolombDecompressor::Axis coded[3];
   for (int a = 0; a < 3; ++a) {
-    hr = ReadWords(stream, numBits[a], words);
+    hr = ReadBitStream(stream, numBits[a], m_scratch.bits[a]);
     if (OZM_FAILED(hr)) return hr;
-    hr = golomb.Decompress(words.data(), numBits[a], median[a], center[a], axes[a]);
-    if (OZM_FAILED(hr)) return hr;
+    coded[a] = {m_scratch.bits[a].data(), numBits[a], median[a], center[a], &axes[a]};
   }
+  hr = m_scratch.golomb.DecompressAxes(coded);
+  if (OZM_FAILED(hr)) return hr;
   const size_t len = axes[0].size();
   OZM_ASSERT_MSG(len == axes[1].size() && len == axes[2].size(),
                  "len == decompressedDataSingleAxis[1].size() && len == decompressedDataSingleAxis[2].size()");
   if (axes[1].size() < len || axes[2].size() < len) {
-    // Shorter y or z streams would leave the interleaved triples half made: refuse the frame.
+    // Shorter y or z streams would leave the vertices half made: refuse the frame.
     return E_UNEXPECTED;
   }
-  std::vector<uint8_t> deltas(3 * len);
-  for (size_t i = 0; i < len; ++i) {
-    deltas[3 * i] = axes[0][i];
-    deltas[3 * i + 1] = axes[1][i];
-    deltas[3 * i + 2] = axes[2][i];
-  }
-  hr = DecodeDeltas(ctx, header, deltas.data(), static_cast<uint32_t>(deltas.size()), range[0], range[1], range[2],
-                    range[3], range[4], range[5], out);
+  const DeltaBytes in{{axes[0].data(), axes[1].data(), axes[2].data()}, 1, static_cast<uint32_t>(len)};
+  hr = DecodeDeltas(ctx, header, in, range, out);
   if (OZM_FAILED(hr)) return hr;
   return ReadNormals(stream, header, *out);
 }
 
-HRESULT COzmMeshReader::ReadHuffmanCodedVertices(COzmMeshReaderCtx* ctx, IStream* stream,
-                                                 CStreamingMeshHeader* header, IOzmBuffer** out) {
+HRESULT COzmMeshReader::ReadHuffmanCodedVertices(COzmMeshReaderCtx* ctx, IStream* stream, CStreamingMeshHeader* header,
+                                                 IOzmBuffer** out) {
   if (!OZM_ASSERT_MSG(out != nullptr, "ppBuffer") || !ctx || !stream || !header) return E_POINTER;
   float range[6];
   HRESULT hr = ReadDeltaRange(stream, range);

@@ -1,8 +1,8 @@
 // Inter frames: the byte-delta stage shared by the temporal codings, and plain byte-delta frames.
 #include <algorithm>
 #include <array>
-#include <type_traits>
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 #include "OzmCore/Huffman.h"
@@ -83,28 +83,59 @@ inline void Clamp(const float* p, const float* lo, const float* hi, float* c) {
   for (int a = 0; a < 3; ++a) c[a] = std::min(std::max(p[a], lo[a]), hi[a]);
 }
 
+inline float Clamp1(float v, float lo, float hi) { return std::min(std::max(v, lo), hi); }
+
+// Adds the delta bytes to the prediction (the previous position, or its linear extrapolation from
+// the two before), keeps the unclamped result as history and writes the output vertex clamped to the
+// box. Axis a of vertex i is in.axis[a][i * in.stride]. Every coordinate is a named scalar: arrays of
+// three floats made the compiler spill them to the stack and read them back as wider words, which
+// stalled the loop on store forwarding.
 template <Layout L, bool kPredictLinear>
-void DecodeVertices(uint32_t n, const uint8_t* deltas, const AxisTable* axes, const __vector4* prev,
-                    __vector4* older, const SKeyVertex* keys, const float* uvs, const float* lo, const float* hi,
-                    uint8_t* out) {
+void DecodeVertices(uint32_t n, const DeltaBytes& in, const AxisTable* axes, const __vector4* prev, __vector4* older,
+                    const SKeyVertex* keys, const float* uvs, const float* lo, const float* hi, uint8_t* out) {
+  const uint8_t* d0 = in.axis[0];
+  const uint8_t* d1 = in.axis[1];
+  const uint8_t* d2 = in.axis[2];
+  const size_t step = in.stride;
+  const float* t0 = axes[0].offset;
+  const float* t1 = axes[1].offset;
+  const float* t2 = axes[2].offset;
+  const float lo0 = lo[0], lo1 = lo[1], lo2 = lo[2], hi0 = hi[0], hi1 = hi[1], hi2 = hi[2];
   for (uint32_t i = 0; i < n; ++i) {
     const __vector4& p = prev[i];
-    float q[3] = {p.x, p.y, p.z};
+    float q0 = p.x, q1 = p.y, q2 = p.z;
     if (kPredictLinear) {
       const __vector4& o = older[i];
-      q[0] = p.x + (p.x - o.x);
-      q[1] = p.y + (p.y - o.y);
-      q[2] = p.z + (p.z - o.z);
+      q0 = p.x + (p.x - o.x);
+      q1 = p.y + (p.y - o.y);
+      q2 = p.z + (p.z - o.z);
     }
-    const uint8_t* d = deltas + 3 * static_cast<size_t>(i);
-    const float x[3] = {q[0] + axes[0].offset[d[0]], q[1] + axes[1].offset[d[1]], q[2] + axes[2].offset[d[2]]};
+    const size_t at = static_cast<size_t>(i) * step;
+    const float x0 = q0 + t0[d0[at]];
+    const float x1 = q1 + t1[d1[at]];
+    const float x2 = q2 + t2[d2[at]];
     // The history keeps the unclamped position; only the output is held inside the box.
-    older[i].x = x[0];
-    older[i].y = x[1];
-    older[i].z = x[2];
-    float c[3];
-    Clamp(x, lo, hi, c);
-    WriteVertex<L>(out, i, c, keys[i], uvs, lo, hi);
+    older[i].x = x0;
+    older[i].y = x1;
+    older[i].z = x2;
+    const float c0 = Clamp1(x0, lo0, hi0), c1 = Clamp1(x1, lo1, hi1), c2 = Clamp1(x2, lo2, hi2);
+    if (L == Layout::Float20 || L == Layout::Float32) {
+      constexpr size_t kStride = L == Layout::Float32 ? 32 : 20;
+      uint8_t* v = out + static_cast<size_t>(i) * kStride;
+      StoreFloat(v, c0);
+      StoreFloat(v + 4, c1);
+      StoreFloat(v + 8, c2);
+      if (L == Layout::Float32) {
+        StoreFloat(v + 12, 0.0f);
+        StoreFloat(v + 16, 0.0f);
+        StoreFloat(v + 20, 0.0f);
+      }
+      StoreFloat(v + kStride - 8, uvs[2 * static_cast<size_t>(i)]);
+      StoreFloat(v + kStride - 4, uvs[2 * static_cast<size_t>(i) + 1]);
+    } else {
+      const float c[3] = {c0, c1, c2};
+      WriteVertex<L>(out, i, c, keys[i], uvs, lo, hi);
+    }
   }
 }
 
@@ -121,21 +152,28 @@ auto WithLayout(unsigned flags, F&& f) {
 }
 
 template <Layout L>
-void DecodeVerticesFor(bool linear, uint32_t n, const uint8_t* deltas, const AxisTable* axes, const __vector4* prev,
+void DecodeVerticesFor(bool linear, uint32_t n, const DeltaBytes& in, const AxisTable* axes, const __vector4* prev,
                        __vector4* older, const SKeyVertex* keys, const float* uvs, const float* lo, const float* hi,
                        uint8_t* out) {
   if (linear) {
-    DecodeVertices<L, true>(n, deltas, axes, prev, older, keys, uvs, lo, hi, out);
+    DecodeVertices<L, true>(n, in, axes, prev, older, keys, uvs, lo, hi, out);
   } else {
-    DecodeVertices<L, false>(n, deltas, axes, prev, older, keys, uvs, lo, hi, out);
+    DecodeVertices<L, false>(n, in, axes, prev, older, keys, uvs, lo, hi, out);
   }
 }
 
 }  // namespace
 
-HRESULT COzmMeshReader::DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMeshHeader* header,
-                                     const uint8_t* deltas, uint32_t len, float minx, float miny, float minz,
-                                     float maxx, float maxy, float maxz, IOzmBuffer** out) {
+HRESULT COzmMeshReader::DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMeshHeader* header, const uint8_t* deltas,
+                                     uint32_t len, float minx, float miny, float minz, float maxx, float maxy,
+                                     float maxz, IOzmBuffer** out) {
+  const DeltaBytes in{{deltas, deltas + 1, deltas + 2}, 3, len / 3};
+  const float range[6] = {minx, miny, minz, maxx, maxy, maxz};
+  return DecodeDeltas(ctx, header, in, range, out);
+}
+
+HRESULT COzmMeshReader::DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMeshHeader* header, const DeltaBytes& in,
+                                     const float range[6], IOzmBuffer** out) {
   if (!OZM_ASSERT_MSG(header != nullptr, "pHeader") || !OZM_ASSERT_MSG(out != nullptr, "ppBuffer") || !ctx) {
     return E_POINTER;
   }
@@ -147,7 +185,7 @@ HRESULT COzmMeshReader::DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMes
   const uint32_t n = header->m_numVertices;
   const bool hasOlder = ctx->m_pOlderMesh != nullptr;
   std::vector<__vector4>* older = hasOlder ? ctx->m_pOlderMesh : &ctx->m_workMesh;
-  if (3ull * n > len) {
+  if (n > in.count) {
     OZM_ASSERT_MSG(false, "!\"Mesh size doesn't match compressed size\"");
     return E_UNEXPECTED;
   }
@@ -164,9 +202,7 @@ HRESULT COzmMeshReader::DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMes
   ctx->m_pOlderMesh = older;
 
   AxisTable axes[3];
-  axes[0].Fill(minx, maxx);
-  axes[1].Fill(miny, maxy);
-  axes[2].Fill(minz, maxz);
+  for (int a = 0; a < 3; ++a) axes[a].Fill(range[a], range[3 + a]);
   const __vector4* prev = ctx->m_pPrevMesh->data();
   const SKeyVertex* keys = ctx->m_pKeyVertices.data();
   const float* lo = header->m_bboxMin;
@@ -174,7 +210,7 @@ HRESULT COzmMeshReader::DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMes
   uint8_t* dst = locked.pData;
   const float* uvs = (m_flags & NReaderFlags::c_FloatVertices) ? KeyTexCoords(ctx) : nullptr;
   WithLayout(m_flags, [&](auto layout) {
-    DecodeVerticesFor<decltype(layout)::value>(hasOlder, n, deltas, axes, prev, older->data(), keys, uvs, lo, hi, dst);
+    DecodeVerticesFor<decltype(layout)::value>(hasOlder, n, in, axes, prev, older->data(), keys, uvs, lo, hi, dst);
   });
 
   std::swap(ctx->m_pPrevMesh, ctx->m_pOlderMesh);
@@ -291,8 +327,7 @@ HRESULT DecodeTransformDeltas(StreamBitReader& bits, uint32_t n, const std::vect
 
 HRESULT COzmMeshReader::ReadTransformDeltaVertices(COzmMeshReaderCtx* ctx, IStream* stream,
                                                    CStreamingMeshHeader* header, IOzmBuffer** out) {
-  if (!OZM_ASSERT_MSG(header != nullptr, "pHeader") || !OZM_ASSERT_MSG(out != nullptr, "ppBuffer") || !ctx ||
-      !stream) {
+  if (!OZM_ASSERT_MSG(header != nullptr, "pHeader") || !OZM_ASSERT_MSG(out != nullptr, "ppBuffer") || !ctx || !stream) {
     return E_POINTER;
   }
   const uint32_t n = header->m_numVertices;

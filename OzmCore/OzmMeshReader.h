@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "OzmCore/CComPtr.h"
+#include "OzmCore/Golomb.h"
 #include "OzmCore/OzmMediaObjects.h"
 #include "OzmCore/StreamingMeshHeader.h"
 
@@ -17,6 +18,14 @@ namespace Ozm {
 // A position of the temporal history; the fourth component is not used.
 struct __vector4 {
   float x, y, z, w;
+};
+
+// The delta bytes of an inter frame: axis a of vertex i at axis[a][i * stride], count vertices' worth.
+// Interleaved (x, y, z) bytes have stride 3, one array per axis stride 1.
+struct DeltaBytes {
+  const uint8_t* axis[3];
+  size_t stride;
+  uint32_t count;
 };
 
 // Texture-coordinate transform of one sub-mesh of a temporal mesh (already inverted for decoding).
@@ -94,9 +103,11 @@ class COzmMeshReader {
 
   // Last stage of every byte-delta coding: rebuilds positions from interleaved (x, y, z) delta bytes
   // and the prediction from the history, rotates the history, writes the output vertices.
-  HRESULT DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMeshHeader* header, const uint8_t* deltas,
-                       uint32_t len, float minx, float miny, float minz, float maxx, float maxy, float maxz,
-                       IOzmBuffer** out);
+  HRESULT DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMeshHeader* header, const uint8_t* deltas, uint32_t len,
+                       float minx, float miny, float minz, float maxx, float maxy, float maxz, IOzmBuffer** out);
+  // The same from delta bytes laid out in any stride; range: min x, y, z, max x, y, z.
+  HRESULT DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMeshHeader* header, const DeltaBytes& in,
+                       const float range[6], IOzmBuffer** out);
 
   // Inter frames coded with Golomb or Huffman codes per axis, and with rigid transforms plus deltas.
   HRESULT ReadGolombCodedVertices(COzmMeshReaderCtx* ctx, IStream* stream, CStreamingMeshHeader* header,
@@ -126,6 +137,12 @@ class COzmMeshReader {
 
   OZMCORE::CComPtr<IOzmBufferAllocator> m_allocator;
   std::map<int, std::shared_ptr<COzmMeshReaderCtx>> m_contexts;
+  // Working memory of the entropy decoders, kept from frame to frame.
+  struct Scratch {
+    CGolombDecompressor golomb;
+    std::vector<uint8_t> axes[3];
+    std::vector<uint8_t> bits[3];
+  } m_scratch;
   unsigned int m_flags = 0;
 };
 
