@@ -34,18 +34,6 @@ void AssignCodes(const TreeNode* node, uint32_t code, uint32_t numbits, std::vec
   entry.code = code;
 }
 
-// The codes of at most Ozm::kWindowBits bits below ref (see HuffmanDecoder for the references).
-void CollectShortCodes(const std::vector<std::pair<int32_t, int32_t>>& children, int32_t ref, uint32_t depth,
-                       uint32_t code, std::vector<Ozm::ShortCode>& codes) {
-  if (ref < 0) {
-    codes.push_back({code, depth, static_cast<uint8_t>(~ref)});
-  } else if (depth < Ozm::kWindowBits) {
-    const std::pair<int32_t, int32_t> node = children[static_cast<size_t>(ref)];
-    CollectShortCodes(children, node.first, depth + 1, code << 1, codes);
-    CollectShortCodes(children, node.second, depth + 1, code << 1 | 1, codes);
-  }
-}
-
 }  // namespace
 
 void HuffmanEncoding::BuildTree(std::vector<int>& frequencies, TreeNode** root) {
@@ -61,22 +49,22 @@ void HuffmanEncoding::BuildTree(std::vector<int>& frequencies, TreeNode** root) 
     if (frequencies[s] < 1) continue;
     TreeNode* leaf = &m_pool[next++];
     *leaf = {frequencies[s], static_cast<int32_t>(s), nullptr, nullptr};
-    m_queue.push(leaf);
+    m_queue.push({leaf->frequency, leaf});
   }
 
   const size_t leaves = next;
   for (size_t i = 1; i < leaves; ++i) {
-    TreeNode* a = m_queue.top();
+    TreeNode* a = m_queue.top().node;
     m_queue.pop();
-    TreeNode* b = m_queue.top();
+    TreeNode* b = m_queue.top().node;
     m_queue.pop();
     if (a->frequency > b->frequency) std::swap(a, b);
     TreeNode* inner = &m_pool[next++];
     *inner = {WrappingSum(a->frequency, b->frequency), -1, a, b};
-    m_queue.push(inner);
+    m_queue.push({inner->frequency, inner});
   }
 
-  if (root) *root = m_queue.empty() ? nullptr : m_queue.top();
+  if (root) *root = m_queue.empty() ? nullptr : m_queue.top().node;
 }
 
 bool HuffmanEncoding::BuildTable(std::vector<int>& frequencies, std::vector<HuffmanCode>& codes) {
@@ -93,8 +81,6 @@ void HuffmanDecoder::Reset(const HuffmanEncoding::TreeNode* root) {
   m_tableBits = 0;
   m_maxDepth = 0;
   m_children.clear();
-  m_table.clear();
-  m_multiTable.clear();
   if (!root) return;
 
   bool ok = true;
@@ -108,15 +94,10 @@ void HuffmanDecoder::Reset(const HuffmanEncoding::TreeNode* root) {
   if (m_root < 0) return;  // a lone leaf needs no table
 
   m_tableBits = std::min(m_maxDepth, kMaxTableBits);
-  m_table.assign(size_t{1} << m_tableBits, 0);
+  // Every entry is written: each prefix of m_tableBits bits ends in a leaf or passes an inner node
+  // at that depth.
+  m_table.resize(size_t{1} << m_tableBits);
   Fill(m_root, 0, 0);
-
-  std::vector<Ozm::ShortCode> codes;
-  CollectShortCodes(m_children, m_root, 0, 0, codes);
-  std::stable_sort(codes.begin(), codes.end(),
-                   [](const Ozm::ShortCode& a, const Ozm::ShortCode& b) { return a.length < b.length; });
-  m_multiTable.resize(Ozm::kWindowCount);
-  Ozm::BuildMultiCodeTable(codes, m_multiTable.data());
 }
 
 int32_t HuffmanDecoder::Flatten(const HuffmanEncoding::TreeNode* node, uint32_t depth, bool& ok) {
@@ -157,11 +138,10 @@ void HuffmanDecoder::Fill(int32_t ref, uint32_t depth, uint32_t code) {
   }
 }
 
-HRESULT HuffmanDecoder::Decode(const uint32_t* words, uint32_t numBits, uint8_t* out, size_t stride, size_t maxSymbols,
-                               size_t* decoded) const {
-  size_t count = 0;
-  if (decoded) *decoded = 0;
-  if (numBits == 0) return S_OK;
+HRESULT HuffmanDecoder::Check(const void* bits, uint32_t numBits, const uint8_t* out, size_t maxSymbols,
+                              bool* empty) const {
+  *empty = numBits == 0;
+  if (*empty) return S_OK;
   if (m_root == kNone) {
     OZM_ASSERT_MSG(false, "a Huffman tree without leaves has no codes");
     return E_UNEXPECTED;
@@ -170,71 +150,171 @@ HRESULT HuffmanDecoder::Decode(const uint32_t* words, uint32_t numBits, uint8_t*
     OZM_ASSERT_MSG(false, "a Huffman tree of one leaf has no coded bits");
     return E_UNEXPECTED;
   }
-  if (!OZM_ASSERT(words) || !OZM_ASSERT(out || maxSymbols == 0)) return E_POINTER;
+  if (!OZM_ASSERT(bits) || !OZM_ASSERT(out || maxSymbols == 0)) return E_POINTER;
+  return S_OK;
+}
 
-  const uint32_t* const table = m_table.data();
-  const uint64_t* const multiTable = m_multiTable.data();
-  uint8_t spare = 0;
-  const uint32_t shift = 64 - m_tableBits;
-  Ozm::WordBitBuffer in(words, Ozm::WordCount(numBits));
-  // Windows that end before numBits lie in the words, and every code that starts in one starts
-  // before numBits: those are decoded up to three codes at a time. Bytes of codes an entry does not
-  // hold go to `spare`, so that out is written only where a symbol is decoded.
-  const uint64_t lastFullWindow = numBits >= Ozm::kWindowBits ? numBits - Ozm::kWindowBits : 0;
-  const bool windows = numBits >= Ozm::kWindowBits;
-  bool limited = false;
-  bool truncated = false;
-  for (;;) {
-    while (windows && in.Consumed() <= lastFullWindow && maxSymbols - count >= 3) {
-      in.Refill();
-      const uint64_t multi = multiTable[in.m_bits >> (64 - Ozm::kWindowBits)];
-      const uint32_t codes = (multi >> 8) & 0xFF;
-      if (codes == 0) break;  // a code longer than the window
-      uint8_t* const at = out + count * stride;
-      at[0] = static_cast<uint8_t>(multi >> 16);
-      *(codes > 1 ? at + stride : &spare) = static_cast<uint8_t>(multi >> 24);
-      *(codes > 2 ? at + 2 * stride : &spare) = static_cast<uint8_t>(multi >> 32);
-      count += codes;
-      in.Skip(multi & 0xFF);
-    }
+// One stream being decoded.
+struct HuffmanStream {
+  HuffmanStream(const HuffmanDecoder& d, const uint8_t* bytes, uint32_t bits, uint8_t* output, size_t outStride,
+                size_t limit)
+      : decoder(d),
+        table(d.m_table.data()),
+        shift(64 - d.m_tableBits),
+        in{bytes, 0, 32ull * Ozm::WordCount(bits)},
+        numBits(bits),
+        out(output),
+        stride(outStride),
+        maxSymbols(limit) {}
 
-    // One code at a time near the ends and for long codes.
-    if (in.Consumed() >= numBits) break;
-    if (count == maxSymbols) {
-      limited = true;
-      break;
-    }
-    in.Refill();
-    const uint32_t entry = table[in.m_bits >> shift];
+  // True while the quick path may be taken: 64 or more bits left (a code found in the table lies
+  // in the words) and room for a symbol.
+  bool Roomy() const { return in.pos + 64 <= numBits && count < maxSymbols; }
+
+  // The next symbol when its code is in the table; false otherwise, with nothing consumed. Works on
+  // a position and a count held by the caller, so that a loop over several streams keeps them in
+  // registers.
+  bool DecodeQuick(uint64_t& pos, size_t& n) const {
+    const uint32_t entry = table[(Ozm::LoadBigEndian64(in.data + (pos >> 3)) << (pos & 7)) >> shift];
+    if (!(entry & HuffmanDecoder::kLeafFlag)) return false;
+    pos += (entry >> 16) & 0xFF;
+    out[n * stride] = static_cast<uint8_t>(entry);
+    ++n;
+    return true;
+  }
+
+  // The next symbol, however long its code; sets truncated when the code runs past the last word.
+  void DecodeAny() {
+    const uint32_t entry = table[in.Peek() >> shift];
     const uint32_t length = (entry >> 16) & 0xFF;
-    if (length > in.m_count) {
+    if (length > in.Left()) {
       truncated = true;
-      break;
+      return;
     }
-    in.Skip(length);
+    in.pos += length;
     int32_t ref = static_cast<int32_t>(entry & 0xFFFF);
-    if (!(entry & kLeafFlag)) {
+    if (!(entry & HuffmanDecoder::kLeafFlag)) {
       // A code longer than the table: go on bit by bit from the node the table reached.
       while (ref >= 0) {
-        if (in.m_count == 0) {
-          in.Refill();
-          if (in.m_count == 0) break;
+        if (in.Left() == 0) {
+          truncated = true;
+          return;
         }
-        const std::pair<int32_t, int32_t>& children = m_children[static_cast<size_t>(ref)];
-        ref = (in.m_bits >> 63) ? children.second : children.first;
-        in.Skip(1);
-      }
-      if (ref >= 0) {
-        truncated = true;
-        break;
+        const std::pair<int32_t, int32_t>& children = decoder.m_children[static_cast<size_t>(ref)];
+        ref = (in.Peek() >> 63) ? children.second : children.first;
+        ++in.pos;
       }
       ref = ~ref;
     }
     out[count * stride] = static_cast<uint8_t>(ref);
     ++count;
   }
-  if (limited) OZM_ASSERT_MSG(false, "symbolCount < maxSymbols");
-  if (truncated) OZM_ASSERT_MSG(false, "bitIndex / 32 < numWords");
-  if (decoded) *decoded = count;
-  return limited || truncated ? E_FAIL : S_OK;
+
+  // Decodes the rest of the stream and returns Decode's result.
+  HRESULT Finish() {
+    while (!truncated) {
+      uint64_t pos = in.pos;
+      size_t n = count;
+      while (pos + 64 <= numBits && n < maxSymbols && DecodeQuick(pos, n)) {
+      }
+      in.pos = pos;
+      count = n;
+      if (in.pos >= numBits) break;
+      if (count == maxSymbols) {
+        limited = true;
+        break;
+      }
+      DecodeAny();
+    }
+    if (limited) OZM_ASSERT_MSG(false, "symbolCount < maxSymbols");
+    if (truncated) OZM_ASSERT_MSG(false, "bitIndex / 32 < numWords");
+    return limited || truncated ? E_FAIL : S_OK;
+  }
+
+  const HuffmanDecoder& decoder;
+  const uint32_t* table;
+  uint32_t shift;
+  Ozm::BitCursor in;
+  uint32_t numBits;
+  uint8_t* out;
+  size_t stride;
+  size_t maxSymbols;
+  size_t count = 0;
+  bool limited = false;
+  bool truncated = false;
+};
+
+HRESULT HuffmanDecoder::Decode(const uint32_t* words, uint32_t numBits, uint8_t* out, size_t stride, size_t maxSymbols,
+                               size_t* decoded) const {
+  if (decoded) *decoded = 0;
+  bool empty = false;
+  HRESULT hr = Check(words, numBits, out, maxSymbols, &empty);
+  if (OZM_FAILED(hr) || empty) return hr;
+  std::vector<uint8_t> bytes;
+  Ozm::BitStreamFromWords(words, Ozm::WordCount(numBits), bytes);
+  HuffmanStream stream(*this, bytes.data(), numBits, out, stride, maxSymbols);
+  hr = stream.Finish();
+  if (decoded) *decoded = stream.count;
+  return hr;
+}
+
+void HuffmanDecoder::DecodeAxes(const Axis axes[3], HRESULT result[3], size_t decoded[3]) {
+  bool active[3];
+  for (int a = 0; a < 3; ++a) {
+    decoded[a] = 0;
+    bool empty = false;
+    result[a] = axes[a].decoder->Check(axes[a].bytes, axes[a].numBits, axes[a].out, axes[a].maxSymbols, &empty);
+    active[a] = OZM_SUCCEEDED(result[a]) && !empty;
+  }
+  if (!active[0] || !active[1] || !active[2]) {
+    for (int a = 0; a < 3; ++a) {
+      if (!active[a]) continue;
+      HuffmanStream s(*axes[a].decoder, axes[a].bytes, axes[a].numBits, axes[a].out, axes[a].stride,
+                      axes[a].maxSymbols);
+      result[a] = s.Finish();
+      decoded[a] = s.count;
+    }
+    return;
+  }
+  HuffmanStream s[3] = {
+      {*axes[0].decoder, axes[0].bytes, axes[0].numBits, axes[0].out, axes[0].stride, axes[0].maxSymbols},
+      {*axes[1].decoder, axes[1].bytes, axes[1].numBits, axes[1].out, axes[1].stride, axes[1].maxSymbols},
+      {*axes[2].decoder, axes[2].bytes, axes[2].numBits, axes[2].out, axes[2].stride, axes[2].maxSymbols}};
+  // While every stream has room no code found in a table can run past its words. A longer code
+  // leaves the loop, is decoded the careful way (which may find the stream cut short: its Finish
+  // reports that) and the loop goes on.
+  for (;;) {
+    uint64_t p0 = s[0].in.pos, p1 = s[1].in.pos, p2 = s[2].in.pos;
+    size_t n0 = s[0].count, n1 = s[1].count, n2 = s[2].count;
+    const uint64_t end0 = s[0].numBits, end1 = s[1].numBits, end2 = s[2].numBits;
+    const size_t max0 = s[0].maxSymbols, max1 = s[1].maxSymbols, max2 = s[2].maxSymbols;
+    bool quick = true;
+    while (p0 + 64 <= end0 && p1 + 64 <= end1 && p2 + 64 <= end2 && n0 < max0 && n1 < max1 && n2 < max2) {
+      quick = s[0].DecodeQuick(p0, n0);
+      quick = s[1].DecodeQuick(p1, n1) && quick;
+      quick = s[2].DecodeQuick(p2, n2) && quick;
+      if (!quick) break;
+    }
+    s[0].in.pos = p0, s[1].in.pos = p1, s[2].in.pos = p2;
+    s[0].count = n0, s[1].count = n1, s[2].count = n2;
+    if (quick) break;
+    bool stop = false;
+    for (HuffmanStream& one : s) {
+      if (!one.Roomy()) continue;
+      uint64_t p = one.in.pos;
+      size_t n = one.count;
+      if (one.DecodeQuick(p, n)) {
+        one.in.pos = p;
+        one.count = n;
+      } else {
+        one.DecodeAny();
+      }
+      stop = stop || one.truncated;
+    }
+    if (stop) break;
+  }
+  for (int a = 0; a < 3; ++a) {
+    result[a] = s[a].Finish();
+    decoded[a] = s[a].count;
+  }
 }

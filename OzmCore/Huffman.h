@@ -119,8 +119,17 @@ class HuffmanEncoding {
   bool BuildTable(std::vector<int>& frequencies, std::vector<HuffmanCode>& codes);
 
  private:
+  // The heap holds each node's frequency beside it, so that its comparisons (the same ones
+  // CompareTree makes) need no load through the pointer.
+  struct QueueItem {
+    int32_t frequency;
+    TreeNode* node;
+  };
+  struct CompareItem {
+    bool operator()(const QueueItem& a, const QueueItem& b) const { return a.frequency > b.frequency; }
+  };
   std::vector<TreeNode> m_pool;
-  ozmstl::priority_queue<TreeNode*, std::vector<TreeNode*>, CompareTree> m_queue;
+  ozmstl::priority_queue<QueueItem, std::vector<QueueItem>, CompareItem> m_queue;
 };
 
 // Bits at the top of a 64-bit buffer, filled one 32-bit word at a time from a source that is
@@ -176,7 +185,6 @@ class LazyBitReader {
 
 // Decodes the codes of a tree built by HuffmanEncoding::BuildTree, with the same result as the
 // walk from the root, through a lookup table of up to 11 bits; longer codes finish with the walk.
-// Decode also reads up to three short codes with one look-up.
 // The decoder copies what it needs, so the HuffmanEncoding may go away afterwards.
 class HuffmanDecoder {
  public:
@@ -202,6 +210,21 @@ class HuffmanDecoder {
   HRESULT Decode(const uint32_t* words, uint32_t numBits, uint8_t* out, size_t stride, size_t maxSymbols,
                  size_t* decoded) const;
 
+  // One stream of DecodeAxes: its words as made by Ozm::BitStreamFromStoredWords (padding
+  // included), its decoder, where its symbols go (out[k * stride]) and how many may.
+  struct Axis {
+    const HuffmanDecoder* decoder;
+    const uint8_t* bytes;
+    uint32_t numBits;
+    uint8_t* out;
+    size_t stride;
+    size_t maxSymbols;
+  };
+  // Decodes three independent streams with exactly the results of Decode on each: result[a] and
+  // decoded[a] are what Decode would return and count, with the same assertions logged. The
+  // streams' symbols are decoded in step, which lets the processor work on the three at once.
+  static void DecodeAxes(const Axis axes[3], HRESULT result[3], size_t decoded[3]);
+
   // Decodes one symbol from a reader with the interface of LazyBitReader and returns it (0 to
   // c_MaxUniqueDeltas - 1), or -1 when the tree has no leaf. Takes words from the reader only
   // when the code needs them; past the end of its source the reader supplies zero bits, so a
@@ -219,13 +242,15 @@ class HuffmanDecoder {
 
   int32_t Flatten(const HuffmanEncoding::TreeNode* node, uint32_t depth, bool& ok);
   void Fill(int32_t ref, uint32_t depth, uint32_t code);
+  // Checks the arguments as Decode does; *empty is set when there is nothing to decode.
+  HRESULT Check(const void* bits, uint32_t numBits, const uint8_t* out, size_t maxSymbols, bool* empty) const;
+  friend struct HuffmanStream;
 
   int32_t m_root = kNone;
   uint32_t m_tableBits = 0;
   uint32_t m_maxDepth = 0;
   std::vector<std::pair<int32_t, int32_t>> m_children;  // left, right of each inner node
   std::vector<uint32_t> m_table;
-  std::vector<uint64_t> m_multiTable;  // several short codes per look-up, for Decode
 };
 
 template <class Reader>

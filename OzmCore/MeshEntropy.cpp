@@ -12,26 +12,6 @@
 namespace Ozm {
 namespace {
 
-// Reads ceil(numBits / 32) little-endian words. Missing words read as zero; a bit count beyond what
-// any frame can hold is refused before anything is allocated.
-HRESULT ReadWords(IStream* stream, uint32_t numBits, std::vector<uint32_t>& words) {
-  const uint64_t count = (static_cast<uint64_t>(numBits) + 31) / 32;
-  std::vector<uint8_t> bytes;
-  const HRESULT hr = ReadBlock(stream, 4 * count, bytes);
-  if (OZM_FAILED(hr)) return hr;
-  if (bytes.size() < 4 * count) {
-    OZM_LOGE("entropy-coded axis: %zu of %llu bytes present", bytes.size(), static_cast<unsigned long long>(4 * count));
-    return E_FAIL;
-  }
-  words.resize(static_cast<size_t>(count));
-  for (size_t w = 0; w < words.size(); ++w) {
-    const uint8_t* b = &bytes[4 * w];
-    words[w] = static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 | static_cast<uint32_t>(b[2]) << 16 |
-               static_cast<uint32_t>(b[3]) << 24;
-  }
-  return S_OK;
-}
-
 // Reads the ceil(numBits / 32) little-endian words of a coded stream as the bytes BitCursor reads
 // (Ozm::BitStreamFromStoredWords). A stream cut short is refused.
 HRESULT ReadBitStream(IStream* stream, uint32_t numBits, std::vector<uint8_t>& bits) {
@@ -116,9 +96,10 @@ HRESULT COzmMeshReader::ReadHuffmanCodedVertices(COzmMeshReaderCtx* ctx, IStream
     OZM_LOGE("ReadHuffmanCodedVertices: %u vertices is beyond any mesh", n);
     return E_UNEXPECTED;
   }
-  std::vector<uint8_t> deltas(3ull * n, 0);
-  std::vector<uint32_t> words;
+  std::vector<uint8_t>& deltas = m_scratch.axes[0];
+  deltas.assign(3ull * n, 0);
   std::vector<uint8_t> table;
+  HuffmanDecoder::Axis coded[3];
   for (int a = 0; a < 3; ++a) {
     hr = ReadBlock(stream, 1024, table);
     if (OZM_FAILED(hr)) return hr;
@@ -128,22 +109,30 @@ HRESULT COzmMeshReader::ReadHuffmanCodedVertices(COzmMeshReaderCtx* ctx, IStream
     }
     std::vector<int> frequencies(256);
     std::memcpy(frequencies.data(), table.data(), 1024);
-    hr = ReadWords(stream, numBits[a], words);
+    hr = ReadBitStream(stream, numBits[a], m_scratch.bits[a]);
     if (OZM_FAILED(hr)) return hr;
-    if (numBits[a] == 0 || n == 0) continue;
-    HuffmanEncoding huffman;
-    HuffmanEncoding::TreeNode* root = nullptr;
-    huffman.BuildTree(frequencies, &root);
-    const HuffmanDecoder decoder(root);
-    size_t decoded = 0;
-    hr = decoder.Decode(words.data(), numBits[a], deltas.data() + a, 3, n, &decoded);
-    if (OZM_FAILED(hr)) {
+    HuffmanDecoder& decoder = m_scratch.huffmanDecoders[a];
+    decoder.Reset(nullptr);
+    if (numBits[a] != 0 && n != 0) {
+      HuffmanEncoding::TreeNode* root = nullptr;
+      m_scratch.huffman.BuildTree(frequencies, &root);
+      decoder.Reset(root);
+    }
+    // A stream left out (no bits or no vertices) decodes nothing.
+    const uint32_t bits = n != 0 ? numBits[a] : 0;
+    coded[a] = {&decoder, m_scratch.bits[a].data(), bits, deltas.data() + a, 3, n};
+  }
+  HRESULT results[3];
+  size_t decoded[3];
+  HuffmanDecoder::DecodeAxes(coded, results, decoded);
+  for (int a = 0; a < 3; ++a) {
+    if (OZM_FAILED(results[a])) {
       OZM_LOGE("ReadHuffmanCodedVertices: axis %d does not decode", a);
-      return hr;
+      return results[a];
     }
   }
-  hr = DecodeDeltas(ctx, header, deltas.data(), static_cast<uint32_t>(deltas.size()), range[0], range[1], range[2],
-                    range[3], range[4], range[5], out);
+  const DeltaBytes in{{deltas.data(), deltas.data() + 1, deltas.data() + 2}, 3, n};
+  hr = DecodeDeltas(ctx, header, in, range, out);
   if (OZM_FAILED(hr)) return hr;
   return ReadNormals(stream, header, *out);
 }

@@ -10,6 +10,7 @@
 
 #include "OzmCore/CComPtr.h"
 #include "OzmCore/Golomb.h"
+#include "OzmCore/Huffman.h"
 #include "OzmCore/OzmMediaObjects.h"
 #include "OzmCore/StreamingMeshHeader.h"
 
@@ -140,6 +141,8 @@ class COzmMeshReader {
   // Working memory of the entropy decoders, kept from frame to frame.
   struct Scratch {
     CGolombDecompressor golomb;
+    HuffmanEncoding huffman;
+    HuffmanDecoder huffmanDecoders[3];
     std::vector<uint8_t> axes[3];
     std::vector<uint8_t> bits[3];
   } m_scratch;
