@@ -79,17 +79,36 @@ const float* KeyTexCoords(COzmMeshReaderCtx* ctx) {
   return ctx->m_keyTexCoords.data();
 }
 
-inline void Clamp(const float* p, const float* lo, const float* hi, float* c) {
-  for (int a = 0; a < 3; ++a) c[a] = std::min(std::max(p[a], lo[a]), hi[a]);
-}
-
 inline float Clamp1(float v, float lo, float hi) { return std::min(std::max(v, lo), hi); }
+
+// Writes output vertex i from a position already clamped to the box, as WriteVertex does. The
+// coordinates come as named scalars: arrays of three floats made the compiler spill them to the
+// stack and read them back as wider words, which stalled the loops on store forwarding.
+template <Layout L>
+inline void StoreOutput(uint8_t* out, uint32_t i, float c0, float c1, float c2, const SKeyVertex& key, const float* uvs,
+                        const float* lo, const float* hi) {
+  if (L == Layout::Float20 || L == Layout::Float32) {
+    constexpr size_t kStride = L == Layout::Float32 ? 32 : 20;
+    uint8_t* v = out + static_cast<size_t>(i) * kStride;
+    StoreFloat(v, c0);
+    StoreFloat(v + 4, c1);
+    StoreFloat(v + 8, c2);
+    if (L == Layout::Float32) {
+      StoreFloat(v + 12, 0.0f);
+      StoreFloat(v + 16, 0.0f);
+      StoreFloat(v + 20, 0.0f);
+    }
+    StoreFloat(v + kStride - 8, uvs[2 * static_cast<size_t>(i)]);
+    StoreFloat(v + kStride - 4, uvs[2 * static_cast<size_t>(i) + 1]);
+  } else {
+    const float c[3] = {c0, c1, c2};
+    WriteVertex<L>(out, i, c, key, uvs, lo, hi);
+  }
+}
 
 // Adds the delta bytes to the prediction (the previous position, or its linear extrapolation from
 // the two before), keeps the unclamped result as history and writes the output vertex clamped to the
-// box. Axis a of vertex i is in.axis[a][i * in.stride]. Every coordinate is a named scalar: arrays of
-// three floats made the compiler spill them to the stack and read them back as wider words, which
-// stalled the loop on store forwarding.
+// box. Axis a of vertex i is in.axis[a][i * in.stride].
 template <Layout L, bool kPredictLinear>
 void DecodeVertices(uint32_t n, const DeltaBytes& in, const AxisTable* axes, const __vector4* prev, __vector4* older,
                     const SKeyVertex* keys, const float* uvs, const float* lo, const float* hi, uint8_t* out) {
@@ -118,24 +137,7 @@ void DecodeVertices(uint32_t n, const DeltaBytes& in, const AxisTable* axes, con
     older[i].x = x0;
     older[i].y = x1;
     older[i].z = x2;
-    const float c0 = Clamp1(x0, lo0, hi0), c1 = Clamp1(x1, lo1, hi1), c2 = Clamp1(x2, lo2, hi2);
-    if (L == Layout::Float20 || L == Layout::Float32) {
-      constexpr size_t kStride = L == Layout::Float32 ? 32 : 20;
-      uint8_t* v = out + static_cast<size_t>(i) * kStride;
-      StoreFloat(v, c0);
-      StoreFloat(v + 4, c1);
-      StoreFloat(v + 8, c2);
-      if (L == Layout::Float32) {
-        StoreFloat(v + 12, 0.0f);
-        StoreFloat(v + 16, 0.0f);
-        StoreFloat(v + 20, 0.0f);
-      }
-      StoreFloat(v + kStride - 8, uvs[2 * static_cast<size_t>(i)]);
-      StoreFloat(v + kStride - 4, uvs[2 * static_cast<size_t>(i) + 1]);
-    } else {
-      const float c[3] = {c0, c1, c2};
-      WriteVertex<L>(out, i, c, keys[i], uvs, lo, hi);
-    }
+    StoreOutput<L>(out, i, Clamp1(x0, lo0, hi0), Clamp1(x1, lo1, hi1), Clamp1(x2, lo2, hi2), keys[i], uvs, lo, hi);
   }
 }
 
@@ -262,9 +264,22 @@ struct StreamWords {
     return OZM_SUCCEEDED(hr) && got == 4;
   }
 };
-using StreamBitReader = LazyBitReader<StreamWords>;
+// The same from the unread bytes of a stream in memory, without a call per word.
+struct MemoryWords {
+  const uint8_t* data;
+  uint32_t words;
+  uint32_t next = 0;
+  bool operator()(uint32_t& word) {
+    if (next == words) return false;
+    const uint8_t* b = data + 4 * static_cast<size_t>(next++);
+    word = static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 | static_cast<uint32_t>(b[2]) << 16 |
+           static_cast<uint32_t>(b[3]) << 24;
+    return true;
+  }
+};
 
-float ReadFloat(StreamBitReader& bits) {
+template <class Bits>
+float ReadFloat(Bits& bits) {
   const uint32_t v = bits.ReadBits(32);
   float f;
   std::memcpy(&f, &v, 4);
@@ -276,8 +291,8 @@ struct Matrix {
   float m[16];
 };
 
-template <Layout L>
-HRESULT DecodeTransformDeltas(StreamBitReader& bits, uint32_t n, const std::vector<uint8_t>& transformOf,
+template <Layout L, class Bits>
+HRESULT DecodeTransformDeltas(Bits& bits, uint32_t n, const std::vector<uint8_t>& transformOf,
                               const std::vector<Matrix>& transforms, uint32_t rigidMask,
                               const std::vector<std::array<float, 3>>& table, const HuffmanDecoder& decoder,
                               __vector4* prev, const SKeyVertex* keys, const float* uvs, const float* lo,
@@ -291,34 +306,33 @@ HRESULT DecodeTransformDeltas(StreamBitReader& bits, uint32_t n, const std::vect
     }
     const float* M = transforms[t].m;
     __vector4& p = prev[i];
-    float x[3] = {((p.z * M[8] + M[12]) + p.y * M[4]) + p.x * M[0], ((p.z * M[9] + M[13]) + p.y * M[5]) + p.x * M[1],
-                  ((p.z * M[10] + M[14]) + p.y * M[6]) + p.x * M[2]};
+    float x0 = ((p.z * M[8] + M[12]) + p.y * M[4]) + p.x * M[0];
+    float x1 = ((p.z * M[9] + M[13]) + p.y * M[5]) + p.x * M[1];
+    float x2 = ((p.z * M[10] + M[14]) + p.y * M[6]) + p.x * M[2];
     if (!(rigidMask >> t & 1)) {
       OZM_ASSERT_MSG(numDeltas > 0, "numDeltas > 0");
       const uint32_t symbol = static_cast<uint32_t>(decoder.DecodeSymbol(bits));
-      float d[3];
       if (symbol == numDeltas) {
-        for (float& f : d) f = ReadFloat(bits);
+        x0 -= ReadFloat(bits);
+        x1 -= ReadFloat(bits);
+        x2 -= ReadFloat(bits);
       } else if (symbol < numDeltas) {
-        d[0] = table[symbol][0];
-        d[1] = table[symbol][1];
-        d[2] = table[symbol][2];
+        const std::array<float, 3>& d = table[symbol];
+        x0 -= d[0];
+        x1 -= d[1];
+        x2 -= d[2];
       } else {
         OZM_LOGE("ReadTransformDeltaVertices: symbol %u beyond %u deltas", symbol, numDeltas);
         return E_UNEXPECTED;
       }
-      x[0] -= d[0];
-      x[1] -= d[1];
-      x[2] -= d[2];
       if (bits.Exhausted()) break;
     }
-    float c[3];
-    Clamp(x, lo, hi, c);
-    WriteVertex<L>(out, i, c, keys[i], uvs, lo, hi);
+    StoreOutput<L>(out, i, Clamp1(x0, lo[0], hi[0]), Clamp1(x1, lo[1], hi[1]), Clamp1(x2, lo[2], hi[2]), keys[i], uvs,
+                   lo, hi);
     // The history is updated in place, unclamped.
-    p.x = x[0];
-    p.y = x[1];
-    p.z = x[2];
+    p.x = x0;
+    p.y = x1;
+    p.z = x2;
   }
   return S_OK;
 }
@@ -336,7 +350,26 @@ HRESULT COzmMeshReader::ReadTransformDeltaVertices(COzmMeshReaderCtx* ctx, IStre
     return E_UNEXPECTED;
   }
   HRESULT streamResult = S_OK;
-  StreamBitReader bits(StreamWords{stream, &streamResult});
+  void* memory = nullptr;
+  if (OZM_SUCCEEDED(stream->QueryInterface(IID_IOzmMemoryStream, &memory)) && memory) {
+    // Read in place, then move the stream past the words used, as reading them one by one would.
+    IOzmMemoryStream* bytes = static_cast<IOzmMemoryStream*>(memory);
+    uint32_t count = 0;
+    const uint8_t* data = bytes->UnreadBytes(&count);
+    LazyBitReader<MemoryWords> bits(MemoryWords{data, count / 4});
+    const HRESULT hr = DecodeTransformDeltaBlock(ctx, header, bits, streamResult, out);
+    const uint64_t used = 4 * bits.WordsFetched();
+    bytes->SkipBytes(used < count ? static_cast<uint32_t>(used) : count);
+    return hr;
+  }
+  LazyBitReader<StreamWords> bits(StreamWords{stream, &streamResult});
+  return DecodeTransformDeltaBlock(ctx, header, bits, streamResult, out);
+}
+
+template <class Bits>
+HRESULT COzmMeshReader::DecodeTransformDeltaBlock(COzmMeshReaderCtx* ctx, CStreamingMeshHeader* header, Bits& bits,
+                                                  const HRESULT& streamResult, IOzmBuffer** out) {
+  const uint32_t n = header->m_numVertices;
   const uint32_t rigidMask = bits.ReadBits(32);
   std::vector<uint8_t> transformOf(n);
   for (uint32_t i = 0; i < n; ++i) transformOf[i] = static_cast<uint8_t>(bits.ReadBits(5));
@@ -362,9 +395,8 @@ HRESULT COzmMeshReader::ReadTransformDeltaVertices(COzmMeshReaderCtx* ctx, IStre
     OZM_LOGE("ReadTransformDeltaVertices: the block ends inside its tables");
     return OZM_FAILED(streamResult) ? streamResult : E_FAIL;
   }
-  HuffmanEncoding huffman;
   HuffmanEncoding::TreeNode* root = nullptr;
-  huffman.BuildTree(frequencies, &root);
+  m_scratch.huffman.BuildTree(frequencies, &root);
   if (!root) {
     OZM_LOGE("ReadTransformDeltaVertices: no delta symbols");
     return E_UNEXPECTED;

@@ -145,10 +145,23 @@ Stream* Stream::CopyOf(const uint8_t* data, uint32_t size) {
   return new (std::nothrow) Stream(std::move(copy), size, 0);
 }
 
-HRESULT Stream::QueryInterface(const _GUID&, void** out) {
+HRESULT Stream::QueryInterface(const _GUID& iid, void** out) {
   if (!out) return E_POINTER;
   *out = nullptr;
-  return E_NOINTERFACE;
+  if (!(iid == IID_IOzmMemoryStream)) return E_NOINTERFACE;
+  *out = static_cast<IOzmMemoryStream*>(this);
+  return S_OK;
+}
+
+const uint8_t* Stream::UnreadBytes(uint32_t* count) const {
+  const uint32_t available = m_position < m_size ? m_size - m_position : 0;
+  if (count) *count = available;
+  return m_data.get() + (available ? m_position : 0);
+}
+
+void Stream::SkipBytes(uint32_t n) {
+  const uint32_t available = m_position < m_size ? m_size - m_position : 0;
+  m_position += n < available ? n : available;
 }
 
 HRESULT Stream::Read(void* dst, unsigned int n, unsigned int* got) {

@@ -12,6 +12,7 @@
 // Interface identifiers.
 constexpr _GUID IID_IOzmBuffer = {0xD83BA762, 0x145B, 0x489D, {0xBA, 0x08, 0xE7, 0x65, 0x78, 0x39, 0x8F, 0xDB}};
 constexpr _GUID IID_IOzmAttributesCore = {0xE73F1728, 0xAE2D, 0x45BF, {0x9F, 0xC7, 0xFC, 0xDE, 0x72, 0x3F, 0xB6, 0x67}};
+constexpr _GUID IID_IOzmMemoryStream = {0x5C1E9A47, 0x3B2D, 0x4F80, {0x9E, 0x61, 0x2A, 0x7D, 0xC4, 0x18, 0x93, 0x0B}};
 constexpr _GUID IID_IUnknown = {0x00000000, 0x0000, 0x0000, {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
 
 // Filled by IOzmBuffer::LockBuffer.
@@ -21,6 +22,11 @@ struct OzmLockedMemory {
   uint32_t size;  // bytes
   uint32_t reserved1;
 };
+
+// Locked memory as 32-bit words. pData is 16-byte aligned, so this is safe on CPUs that fault on
+// unaligned loads too; going through void* tells compilers that check casts there (gcc on 32-bit
+// ARM) that the alignment is known.
+inline uint32_t* LockedWords(uint8_t* data) { return static_cast<uint32_t*>(static_cast<void*>(data)); }
 
 class IOzmAttributesCore {
  public:
@@ -79,6 +85,20 @@ class IStream {
 
  protected:
   ~IStream() = default;
+};
+
+// A stream whose bytes are all in memory, so that a decoder can read them in place and then skip
+// those it used. Streams offer it through QueryInterface(IID_IOzmMemoryStream); the pointer is the
+// stream itself, valid as long as the stream, and no reference is added for it.
+class IOzmMemoryStream {
+ public:
+  // The bytes not read yet; *count receives how many there are.
+  virtual const uint8_t* UnreadBytes(uint32_t* count) const = 0;
+  // Moves past n of them (no further than the end).
+  virtual void SkipBytes(uint32_t n) = 0;
+
+ protected:
+  ~IOzmMemoryStream() = default;
 };
 
 namespace OzmCrossPlatform {
@@ -156,7 +176,7 @@ class BufferAllocator final : public IOzmBufferAllocator, public RefCounted {
   HRESULT ReleaseBuffer(IOzmBuffer* buffer) override;
 };
 
-class Stream final : public IStream, public RefCounted {
+class Stream final : public IStream, public IOzmMemoryStream, public RefCounted {
  public:
   // Takes ownership of data[0..size). The reference count starts at 0: the creator takes the first.
   Stream(std::unique_ptr<uint8_t[]> data, uint32_t size, uint32_t position);
@@ -168,6 +188,8 @@ class Stream final : public IStream, public RefCounted {
   uint32_t AddRef() override { return AddRefImpl(); }
   uint32_t Release() override { return ReleaseImpl(); }
   HRESULT Read(void* dst, unsigned int n, unsigned int* got) override;
+  const uint8_t* UnreadBytes(uint32_t* count) const override;
+  void SkipBytes(uint32_t n) override;
 
   int64_t GetTimestamp() const { return m_timestamp; }
   void SetTimestamp(int64_t timestampNs) { m_timestamp = timestampNs; }

@@ -128,6 +128,11 @@ class COzmMeshReader {
 
  private:
   HRESULT Allocate(uint32_t size, uint32_t elementSize, IOzmBuffer** out);
+  // The transform-delta block from a bit reader (see LazyBitReader); streamResult is the result
+  // of the stream the reader takes its words from.
+  template <class Bits>
+  HRESULT DecodeTransformDeltaBlock(COzmMeshReaderCtx* ctx, CStreamingMeshHeader* header, Bits& bits,
+                                    const HRESULT& streamResult, IOzmBuffer** out);
   // A locked buffer for count vertices of the reader's layout.
   HRESULT AllocateVertices(uint32_t count, OZMCORE::CComPtr<IOzmBuffer>& buffer, OzmLockedMemory& locked);
   // Appends one decoded sub-mesh to the frame's buffers: indices rebased, positions moved into the

@@ -56,15 +56,22 @@ bool MakeSubdividedAnimation(const std::string& mesh, size_t frames, Animation* 
 
 // A read-only stream over bytes owned by someone else, rewound before every decode; the benchmarks
 // use it so that no copy of the payload is timed. It is never reference counted.
-class SpanStream final : public IStream {
+class SpanStream final : public IStream, public IOzmMemoryStream {
  public:
   explicit SpanStream(const std::vector<uint8_t>& bytes) : m_data(bytes.data()), m_size(bytes.size()) {}
   virtual ~SpanStream() = default;
 
-  HRESULT QueryInterface(const _GUID&, void** out) override {
-    if (out) *out = nullptr;
-    return E_NOINTERFACE;
+  // In memory, like the player's own streams.
+  HRESULT QueryInterface(const _GUID& iid, void** out) override {
+    if (!out) return E_POINTER;
+    *out = iid == IID_IOzmMemoryStream ? static_cast<IOzmMemoryStream*>(this) : nullptr;
+    return *out ? S_OK : E_NOINTERFACE;
   }
+  const uint8_t* UnreadBytes(uint32_t* count) const override {
+    if (count) *count = static_cast<uint32_t>(m_size - m_position);
+    return m_data + m_position;
+  }
+  void SkipBytes(uint32_t n) override { m_position += n < m_size - m_position ? n : m_size - m_position; }
   uint32_t AddRef() override { return 1; }
   uint32_t Release() override { return 1; }
   HRESULT Read(void* dst, unsigned int n, unsigned int* got) override {
