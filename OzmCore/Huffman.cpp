@@ -47,24 +47,24 @@ void HuffmanEncoding::BuildTree(std::vector<int>& frequencies, TreeNode** root) 
   size_t next = 0;
   for (size_t s = 0; s < symbols; ++s) {
     if (frequencies[s] < 1) continue;
-    TreeNode* leaf = &m_pool[next++];
-    *leaf = {frequencies[s], static_cast<int32_t>(s), nullptr, nullptr};
-    m_queue.push({leaf->frequency, leaf});
+    m_pool[next] = {frequencies[s], static_cast<int32_t>(s), nullptr, nullptr};
+    m_queue.push(QueueItem(m_pool[next], next));
+    ++next;
   }
 
   const size_t leaves = next;
   for (size_t i = 1; i < leaves; ++i) {
-    TreeNode* a = m_queue.top().node;
+    TreeNode* a = &m_pool[static_cast<uint32_t>(m_queue.top())];
     m_queue.pop();
-    TreeNode* b = m_queue.top().node;
+    TreeNode* b = &m_pool[static_cast<uint32_t>(m_queue.top())];
     m_queue.pop();
     if (a->frequency > b->frequency) std::swap(a, b);
-    TreeNode* inner = &m_pool[next++];
-    *inner = {WrappingSum(a->frequency, b->frequency), -1, a, b};
-    m_queue.push({inner->frequency, inner});
+    m_pool[next] = {WrappingSum(a->frequency, b->frequency), -1, a, b};
+    m_queue.push(QueueItem(m_pool[next], next));
+    ++next;
   }
 
-  if (root) *root = m_queue.empty() ? nullptr : m_queue.top().node;
+  if (root) *root = m_queue.empty() ? nullptr : &m_pool[static_cast<uint32_t>(m_queue.top())];
 }
 
 bool HuffmanEncoding::BuildTable(std::vector<int>& frequencies, std::vector<HuffmanCode>& codes) {

@@ -119,17 +119,17 @@ class HuffmanEncoding {
   bool BuildTable(std::vector<int>& frequencies, std::vector<HuffmanCode>& codes);
 
  private:
-  // The heap holds each node's frequency beside it, so that its comparisons (the same ones
-  // CompareTree makes) need no load through the pointer.
-  struct QueueItem {
-    int32_t frequency;
-    TreeNode* node;
-  };
+  // The heap holds each node's frequency beside its index in the pool, packed into one word (the
+  // frequency, made unsigned-ordered, in the upper half), so that its comparisons (the same ones
+  // CompareTree makes) need no load through a pointer and its moves are single words.
   struct CompareItem {
-    bool operator()(const QueueItem& a, const QueueItem& b) const { return a.frequency > b.frequency; }
+    bool operator()(uint64_t a, uint64_t b) const { return (a >> 32) > (b >> 32); }
   };
+  static uint64_t QueueItem(const TreeNode& node, size_t index) {
+    return static_cast<uint64_t>(static_cast<uint32_t>(node.frequency) ^ 0x80000000u) << 32 | index;
+  }
   std::vector<TreeNode> m_pool;
-  ozmstl::priority_queue<QueueItem, std::vector<QueueItem>, CompareItem> m_queue;
+  ozmstl::priority_queue<uint64_t, std::vector<uint64_t>, CompareItem> m_queue;
 };
 
 // Bits at the top of a 64-bit buffer, filled one 32-bit word at a time from a source that is
