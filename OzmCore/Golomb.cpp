@@ -43,7 +43,7 @@ struct AxisDecoder {
       *out++ = static_cast<uint8_t>(center + entry);
       return true;
     }
-    const uint32_t ones = static_cast<uint32_t>(__builtin_clzll(~bits));
+    const uint32_t ones = static_cast<uint32_t>(__builtin_clzll(~bits | 1));
     if (ones + 1 + width > Ozm::kPeekBits) return false;
     const uint32_t top = static_cast<uint32_t>((bits << (ones + 1)) >> (64 - width));
     const uint32_t r = top >> 1;
@@ -62,7 +62,7 @@ struct AxisDecoder {
     uint32_t q = 0;
     for (;;) {
       const uint64_t left = in.Left();
-      const uint32_t ones = static_cast<uint32_t>(__builtin_clzll(~in.Peek()));
+      const uint32_t ones = static_cast<uint32_t>(__builtin_clzll(~in.Peek() | 1));
       // Past the end the bits are zeros, so a run that reaches the end stops there.
       if (ones >= left) {
         failed = true;

@@ -136,7 +136,7 @@ HRESULT COzmMeshReader::ReadTemporalMesh(IStream* stream, CStreamingMeshHeader& 
   uint32_t vertexCount = 0, indexCount = 0;
   for (size_t i = 0; i < subs.size() && OZM_SUCCEEDED(hr); ++i) {
     hr = MergeSubmesh(header, subs[i].header, transforms[i], subs[i].vertices, subs[i].indices, vb.pData,
-                      reinterpret_cast<uint32_t*>(ib.pData), vertexCount, indexCount);
+                      LockedWords(ib.pData), vertexCount, indexCount);
   }
   indices->UnlockBuffer();
   vertices->UnlockBuffer();
@@ -167,7 +167,7 @@ HRESULT COzmMeshReader::MergeSubmesh(const CStreamingMeshHeader& frame, const CS
                       "numVertices <= header.m_numVertices")) {
     hr = E_UNEXPECTED;
   } else {
-    const uint32_t* in = reinterpret_cast<const uint32_t*>(si.pData);
+    const uint32_t* in = LockedWords(si.pData);
     uint32_t* out = frameIndices + indexCount;
     for (uint32_t k = 0; k < numIndices; ++k) out[k] = in[k] + vertexCount;
 

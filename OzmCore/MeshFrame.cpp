@@ -63,7 +63,7 @@ void MeshFrame::CopyTo(IMeshCopyTarget& target, unsigned int indexCapacity, unsi
   const bool haveIndices = m_indexBuffer && OZM_SUCCEEDED(m_indexBuffer->LockBuffer(&ib));
   // Counts never reach past what the buffers hold, whatever the attributes say.
   const uint32_t numIndices = haveIndices ? std::min(m_numIndices, ib.size / 4) : 0;
-  const uint32_t* indices = haveIndices ? reinterpret_cast<const uint32_t*>(ib.pData) : nullptr;
+  const uint32_t* indices = haveIndices ? LockedWords(ib.pData) : nullptr;
 
   if (haveIndices && updateIndices) {
     const uint32_t n = std::min(numIndices, indexCapacity);

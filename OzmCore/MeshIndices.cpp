@@ -211,7 +211,7 @@ HRESULT COzmMeshReader::ReadIndices(COzmMeshReaderCtx* ctx, IStream* stream, CSt
   OzmLockedMemory locked{};
   hr = buffer->LockBuffer(&locked);
   if (OZM_FAILED(hr)) return hr;
-  uint32_t* indices = reinterpret_cast<uint32_t*>(locked.pData);
+  uint32_t* indices = LockedWords(locked.pData);
   std::memset(indices, 0, static_cast<size_t>(numIndices) * 4);
 
   switch (version) {

@@ -25,6 +25,9 @@ packages=(
   openjdk-17-jdk-headless
   # the engine-side C# binding, compiled and run with Mono
   mono-mcs mono-runtime
+  # the mesh layer and its tests cross-built for 32- and 64-bit ARM Linux and run under qemu-user
+  # (the compilers bring their C and C++ libraries for the target; GoogleTest is built from googletest)
+  g++-arm-linux-gnueabihf g++-aarch64-linux-gnu qemu-user
 )
 
 missing=()

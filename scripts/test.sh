@@ -4,6 +4,9 @@
 #   host-asan the same under AddressSanitizer and UndefinedBehaviorSanitizer
 #   host-tsan the tests of the player's threads, its ports and end-to-end playback under ThreadSanitizer
 #   fuzz      every fuzz target for a short fixed number of libFuzzer iterations (clang)
+#   linux-arm32, linux-arm64
+#             the mesh layer's codec and sequence tests cross-built for 32- and 64-bit ARM Linux and
+#             run under qemu-user: decoded output bit for bit that of the x86-64 build
 # Test data (build/test-data) is generated first by scripts/test-data.sh.
 # Choose other presets with OZM_TEST_PRESETS="host fuzz".
 set -euo pipefail
@@ -14,7 +17,7 @@ scripts/deps.sh
 cmake --preset host >/dev/null
 scripts/test-data.sh build/host
 
-presets=${OZM_TEST_PRESETS:-host host-asan host-tsan fuzz}
+presets=${OZM_TEST_PRESETS:-host linux-arm32 linux-arm64 host-asan host-tsan fuzz}
 jobs=$(nproc 2>/dev/null || echo 2)
 total=0
 failed=0
@@ -30,6 +33,9 @@ for preset in $presets; do
     # Only what runs threads is worth the slow instrumented build.
     targets=(--target ozm_player_tests ozm_platform_tests ozm_playback_tests)
     select=(-L threads)
+  elif [ "$preset" = linux-arm32 ] || [ "$preset" = linux-arm64 ]; then
+    # Core-only cross builds: the one test program (it reads the meshes that test-data.sh made above).
+    targets=(--target ozm_core_tests)
   fi
   cmake --build --preset "$preset" -j "$jobs" "${targets[@]}"
   echo "== $preset: tests"
