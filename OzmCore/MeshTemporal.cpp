@@ -36,36 +36,6 @@ struct AxisTable {
 inline void StoreFloat(uint8_t* p, float f) { std::memcpy(p, &f, 4); }
 inline void StoreShort(uint8_t* p, int16_t v) { std::memcpy(p, &v, 2); }
 
-// Writes output vertex i from a position already clamped to the box and the key frame's texture
-// coordinates (uvs: the float pairs of all vertices, for float layouts), in the reader's layout. Fields are
-// stored straight into the output, which keeps the loop free of stack round trips.
-template <Layout L>
-inline void WriteVertex(uint8_t* out, uint32_t i, const float* c, const SKeyVertex& key, const float* uvs,
-                        const float* lo, const float* hi) {
-  if (L == Layout::Float20 || L == Layout::Float32) {
-    constexpr size_t kStride = L == Layout::Float32 ? 32 : 20;
-    uint8_t* v = out + static_cast<size_t>(i) * kStride;
-    StoreFloat(v, c[0]);
-    StoreFloat(v + 4, c[1]);
-    StoreFloat(v + 8, c[2]);
-    if (L == Layout::Float32) {
-      StoreFloat(v + 12, 0.0f);
-      StoreFloat(v + 16, 0.0f);
-      StoreFloat(v + 20, 0.0f);
-    }
-    StoreFloat(v + kStride - 8, uvs[2 * static_cast<size_t>(i)]);
-    StoreFloat(v + kStride - 4, uvs[2 * static_cast<size_t>(i) + 1]);
-  } else {
-    constexpr size_t kStride = L == Layout::Short20 ? 20 : 12;
-    uint8_t* v = out + static_cast<size_t>(i) * kStride;
-    for (int a = 0; a < 3; ++a) StoreShort(v + 2 * a, RequantizePosition(c[a], lo[a], hi[a]));
-    StoreShort(v + 6, 0);
-    if (L == Layout::Short20) std::memset(v + 8, 0, 8);
-    StoreShort(v + kStride - 4, key.u);
-    StoreShort(v + kStride - 2, key.v);
-  }
-}
-
 // The key vertices' texture coordinates as floats, computed once per key frame.
 const float* KeyTexCoords(COzmMeshReaderCtx* ctx) {
   const size_t n = ctx->m_pKeyVertices.size();
@@ -81,11 +51,13 @@ const float* KeyTexCoords(COzmMeshReaderCtx* ctx) {
 
 inline float Clamp1(float v, float lo, float hi) { return std::min(std::max(v, lo), hi); }
 
-// Writes output vertex i from a position already clamped to the box, as WriteVertex does. The
-// coordinates come as named scalars: arrays of three floats made the compiler spill them to the
-// stack and read them back as wider words, which stalled the loops on store forwarding.
+// Writes output vertex i from a position already clamped to the box and the key frame's texture
+// coordinates (uvs: the float pairs of all vertices, for float layouts), in the reader's layout.
+// Fields are stored straight into the output, and the coordinates come as named scalars: arrays of
+// three floats made the compiler spill them to the stack and read them back as wider words, which
+// stalled the loops on store forwarding.
 template <Layout L>
-inline void StoreOutput(uint8_t* out, uint32_t i, float c0, float c1, float c2, const SKeyVertex& key, const float* uvs,
+inline void WriteVertex(uint8_t* out, uint32_t i, float c0, float c1, float c2, const SKeyVertex& key, const float* uvs,
                         const float* lo, const float* hi) {
   if (L == Layout::Float20 || L == Layout::Float32) {
     constexpr size_t kStride = L == Layout::Float32 ? 32 : 20;
@@ -101,8 +73,15 @@ inline void StoreOutput(uint8_t* out, uint32_t i, float c0, float c1, float c2, 
     StoreFloat(v + kStride - 8, uvs[2 * static_cast<size_t>(i)]);
     StoreFloat(v + kStride - 4, uvs[2 * static_cast<size_t>(i) + 1]);
   } else {
-    const float c[3] = {c0, c1, c2};
-    WriteVertex<L>(out, i, c, key, uvs, lo, hi);
+    constexpr size_t kStride = L == Layout::Short20 ? 20 : 12;
+    uint8_t* v = out + static_cast<size_t>(i) * kStride;
+    StoreShort(v, RequantizePosition(c0, lo[0], hi[0]));
+    StoreShort(v + 2, RequantizePosition(c1, lo[1], hi[1]));
+    StoreShort(v + 4, RequantizePosition(c2, lo[2], hi[2]));
+    StoreShort(v + 6, 0);
+    if (L == Layout::Short20) std::memset(v + 8, 0, 8);
+    StoreShort(v + kStride - 4, key.u);
+    StoreShort(v + kStride - 2, key.v);
   }
 }
 
@@ -137,7 +116,7 @@ void DecodeVertices(uint32_t n, const DeltaBytes& in, const AxisTable* axes, con
     older[i].x = x0;
     older[i].y = x1;
     older[i].z = x2;
-    StoreOutput<L>(out, i, Clamp1(x0, lo0, hi0), Clamp1(x1, lo1, hi1), Clamp1(x2, lo2, hi2), keys[i], uvs, lo, hi);
+    WriteVertex<L>(out, i, Clamp1(x0, lo0, hi0), Clamp1(x1, lo1, hi1), Clamp1(x2, lo2, hi2), keys[i], uvs, lo, hi);
   }
 }
 
@@ -327,7 +306,7 @@ HRESULT DecodeTransformDeltas(Bits& bits, uint32_t n, const std::vector<uint8_t>
       }
       if (bits.Exhausted()) break;
     }
-    StoreOutput<L>(out, i, Clamp1(x0, lo[0], hi[0]), Clamp1(x1, lo[1], hi[1]), Clamp1(x2, lo[2], hi[2]), keys[i], uvs,
+    WriteVertex<L>(out, i, Clamp1(x0, lo[0], hi[0]), Clamp1(x1, lo[1], hi[1]), Clamp1(x2, lo[2], hi[2]), keys[i], uvs,
                    lo, hi);
     // The history is updated in place, unclamped.
     p.x = x0;
