@@ -25,6 +25,7 @@ failed=0
 failures=$(mktemp)
 trap 'rm -f "$failures"' EXIT
 for preset in $presets; do
+  started=$SECONDS
   echo "== $preset: configure and build"
   cmake --preset "$preset" >/dev/null
   targets=()
@@ -55,7 +56,7 @@ for preset in $presets; do
   bad=$(sed -E 's/.* ([0-9]+) tests failed.*/\1/' <<<"$summary")
   total=$((total + count))
   failed=$((failed + bad))
-  echo "== $preset: $summary"
+  echo "== $preset: $summary ($((SECONDS - started)) s)"
 done
 if [ -s "$failures" ]; then tail -n 400 "$failures"; fi
 echo "tests: $((total - failed)) passed, $failed failed"
