@@ -120,7 +120,7 @@ HRESULT COzmMeshReader::ReadHuffmanCodedVertices(COzmMeshReaderCtx* ctx, IStream
     }
     // A stream left out (no bits or no vertices) decodes nothing.
     const uint32_t bits = n != 0 ? numBits[a] : 0;
-    coded[a] = {&decoder, m_scratch.bits[a].data(), bits, deltas.data() + a, 3, n};
+    coded[a] = {&decoder, m_scratch.bits[a].data(), bits, n ? deltas.data() + a : nullptr, 3, n};
   }
   HRESULT results[3];
   size_t decoded[3];
@@ -131,7 +131,7 @@ HRESULT COzmMeshReader::ReadHuffmanCodedVertices(COzmMeshReaderCtx* ctx, IStream
       return results[a];
     }
   }
-  const DeltaBytes in{{deltas.data(), deltas.data() + 1, deltas.data() + 2}, 3, n};
+  const DeltaBytes in = InterleavedDeltas(deltas.data(), n);
   hr = DecodeDeltas(ctx, header, in, range, out);
   if (OZM_FAILED(hr)) return hr;
   return ReadNormals(stream, header, *out);

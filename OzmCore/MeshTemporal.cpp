@@ -148,7 +148,7 @@ void DecodeVerticesFor(bool linear, uint32_t n, const DeltaBytes& in, const Axis
 HRESULT COzmMeshReader::DecodeDeltas(COzmMeshReaderCtx* ctx, const CStreamingMeshHeader* header, const uint8_t* deltas,
                                      uint32_t len, float minx, float miny, float minz, float maxx, float maxy,
                                      float maxz, IOzmBuffer** out) {
-  const DeltaBytes in{{deltas, deltas + 1, deltas + 2}, 3, len / 3};
+  const DeltaBytes in = InterleavedDeltas(deltas, len / 3);
   const float range[6] = {minx, miny, minz, maxx, maxy, maxz};
   return DecodeDeltas(ctx, header, in, range, out);
 }

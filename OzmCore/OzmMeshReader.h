@@ -29,6 +29,12 @@ struct DeltaBytes {
   uint32_t count;
 };
 
+// Interleaved (x, y, z) delta bytes; none when data is null.
+inline DeltaBytes InterleavedDeltas(const uint8_t* data, uint32_t vertices) {
+  if (!data) return DeltaBytes{{nullptr, nullptr, nullptr}, 3, 0};
+  return DeltaBytes{{data, data + 1, data + 2}, 3, vertices};
+}
+
 // Texture-coordinate transform of one sub-mesh of a temporal mesh (already inverted for decoding).
 struct STransform {
   float m00, m01, m10, m11, tx, ty;
