@@ -22,3 +22,17 @@ FrameAdvance AdvanceToPicture(std::deque<std::shared_ptr<Ozm::MeshFrame>>& queue
   }
   return result;
 }
+
+int DropUnshownFrames(std::deque<std::shared_ptr<Ozm::MeshFrame>>& queue,
+                      const std::shared_ptr<Ozm::MeshFrame>& current, int64_t pictureTimestamp, bool pendingRestart,
+                      int64_t restartThreshold) {
+  std::shared_ptr<Ozm::MeshFrame> probe = current;
+  const FrameAdvance advance = AdvanceToPicture(queue, probe, pictureTimestamp, pendingRestart, restartThreshold);
+  int dropped = advance.slotsBack;
+  if (dropped > 0 && probe->Timestamp() > pictureTimestamp) {
+    // Its picture is still to come.
+    queue.push_front(std::move(probe));
+    --dropped;
+  }
+  return dropped;
+}

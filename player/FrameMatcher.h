@@ -22,6 +22,16 @@ FrameAdvance AdvanceToPicture(std::deque<std::shared_ptr<Ozm::MeshFrame>>& queue
                               std::shared_ptr<Ozm::MeshFrame>& current, int64_t pictureTimestamp, bool pendingRestart,
                               int64_t restartThreshold);
 
+// While the player is not playing, the render step latches pictures without showing them: their
+// meshes, and those of every picture before them, will never be drawn. Takes them out of the queue
+// (the same way AdvanceToPicture would) but leaves the current frame, the one last shown, alone.
+// A frame that belongs to a later picture stays queued. Returns the number taken out: each gives a
+// mesh-work slot back. Without this, the slots of unshown meshes would stay taken and the pump could
+// not feed the decoder the pictures it still needs before it can put out the next one.
+int DropUnshownFrames(std::deque<std::shared_ptr<Ozm::MeshFrame>>& queue,
+                      const std::shared_ptr<Ozm::MeshFrame>& current, int64_t pictureTimestamp, bool pendingRestart,
+                      int64_t restartThreshold);
+
 // Presentation time (µs) of a sample under the clock scale, re-based where the scale last changed.
 // The difference goes through an unsigned 64-bit integer into single precision: a negative
 // difference becomes a huge time, and long clips lose microseconds alike on the picture and the mesh

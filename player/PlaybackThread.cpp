@@ -116,9 +116,14 @@ void LumoObject::RestartAfterEndOfInput() {
   m_videoOutputEnd.store(0);
   m_renderStart.store(-1);
   {
+    // The last sample goes too: a scale set between here and the first sample of the new pass
+    // re-bases the clock there, and a base at the end of the old pass would put the new samples
+    // before it.
     std::lock_guard<std::mutex> lock(m_clockMutex);
     m_presentationOffset = 0;
     m_sampleBase = 0;
+    m_lastPresentationTime = 0;
+    m_lastSampleTime = 0;
   }
   m_pendingRestart.store(true);
   if (audio) m_audio.Release();

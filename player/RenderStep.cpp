@@ -26,6 +26,13 @@ std::shared_ptr<Ozm::MeshFrame> LumoObject::LatchAndMatch(const char* variant, i
   const int state = m_state.load();
   if (state != Playing) {
     OZM_LOGI("[%i] %s: state = %i, bailing", m_id, variant, state);
+    int dropped = 0;
+    {
+      std::lock_guard<std::mutex> lock(m_meshFrameMutex);
+      dropped = DropUnshownFrames(m_meshFrames, m_currentFrame, m_textureTimestamp, m_pendingRestart.load(),
+                                  restartThreshold);
+    }
+    for (int i = 0; i < dropped; ++i) GiveMeshSlot();
     return nullptr;
   }
 

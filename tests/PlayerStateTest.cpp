@@ -372,6 +372,35 @@ TEST_F(PlayerTest, AutoLoopingRestartsWithTheClockReset) {
   EXPECT_EQ(GetLumoState(id), kLumoStatePlaying);
 }
 
+// A decoder that holds pictures back (reordering) and a pause that latched pictures without showing
+// them: their meshes must not keep mesh-work slots, or the pump can never feed the decoder the
+// pictures it needs before it puts out the next one.
+TEST_F(PlayerTest, PlaysOnAfterAPauseLatchedPicturesItDidNotShow) {
+  fake.SetCodecPools(12, 4);
+  fake.SetVideoDecoderDelay(5);
+  UseClip(Clip(20));
+  const int id = PlayerIn(Start::Playing);
+  std::vector<uint8_t> vertices(64 * 32);
+  std::vector<uint32_t> indices(256);
+  auto renderStep = [&] { OnUnrealRenderEvent(id, vertices.data(), indices.data(), 64, 256, 0, 64, 32); };
+  // No render step yet: eight samples in, three pictures out (at 10 ms each), five in the decoder.
+  ASSERT_TRUE(WaitUntil([&] { return fake.Stats("video/").inputTimesUs.size() == 8; }));
+  SleepMs(100);
+  EXPECT_EQ(PauseLumoObject(id), 1);
+  renderStep();
+  EXPECT_TRUE(Logged(id, "OnUnrealRender: state = 4, bailing"));
+  OzmFrameInfo frame{};
+  GetLumoObjectFrameInfo(id, &frame);
+  EXPECT_EQ(frame.frameId, 0u) << "nothing was shown, so there is no frame to describe";
+
+  EXPECT_EQ(PlayLumoObject(id), 1);
+  const bool ended = WaitUntil([&] {
+    renderStep();
+    return Logged(id, "Video output EOS");
+  });
+  EXPECT_TRUE(ended) << "samples fed: " << fake.Stats("video/").inputTimesUs.size();
+}
+
 TEST_F(PlayerTest, RewindThenPlayStartsFromTheFirstSample) {
   UseClip(Clip(14));
   const int id = PlayerIn(Start::Playing);
@@ -522,6 +551,38 @@ TEST(FrameMatcher, AdvancesToThePictureAndThrowsAwayLeftoversAfterARestart) {
     EXPECT_EQ(a.discarded, c.discarded) << c.name;
     EXPECT_EQ(a.restartHandled, c.restartHandled) << c.name;
     EXPECT_EQ(current ? current->Timestamp() : -1, c.expectCurrentNs) << c.name;
+    std::vector<long long> left;
+    for (const auto& f : queue) left.push_back(f->Timestamp());
+    EXPECT_EQ(left, c.expectQueueNs) << c.name;
+  }
+}
+
+TEST(FrameMatcher, PicturesLatchedButNotShownGiveTheirMeshesSlotsBack) {
+  const int64_t threshold = (1000000000LL / 30) * 10;
+  struct Case {
+    const char* name;
+    std::vector<long long> queueNs;
+    long long currentNs;  // -1: no current frame
+    long long pictureNs;
+    bool pendingRestart;
+    std::vector<long long> expectQueueNs;
+  };
+  const Case cases[] = {
+      {"the picture's mesh and older ones", {10, 20, 30, 40}, 0, 30, false, {40}},
+      {"a later picture's mesh stays", {40, 50}, 0, 30, false, {40, 50}},
+      {"nothing queued", {}, 0, 30, false, {}},
+      {"no mesh for the picture", {20, 40}, -1, 30, false, {40}},
+      {"leftovers of the last pass", {9966666000, 0, 33333000}, 9933333000, 0, true, {33333000}},
+      {"the last pass's tail, new pass queued", {9966666000, 0}, 9933333000, 9966666000, true, {0}},
+  };
+  for (const Case& c : cases) {
+    std::deque<std::shared_ptr<MeshFrame>> queue;
+    for (long long t : c.queueNs) queue.push_back(std::make_shared<MeshFrame>(nullptr, nullptr, t));
+    const std::shared_ptr<MeshFrame> current =
+        c.currentNs < 0 ? nullptr : std::make_shared<MeshFrame>(nullptr, nullptr, c.currentNs);
+    const int dropped = DropUnshownFrames(queue, current, c.pictureNs, c.pendingRestart, threshold);
+    EXPECT_EQ(dropped, static_cast<int>(c.queueNs.size() - queue.size())) << c.name;
+    EXPECT_EQ(current ? current->Timestamp() : -1, c.currentNs) << c.name << ": the shown frame stays current";
     std::vector<long long> left;
     for (const auto& f : queue) left.push_back(f->Timestamp());
     EXPECT_EQ(left, c.expectQueueNs) << c.name;

@@ -182,8 +182,9 @@ class FakeExtractor final : public OzmPlatform::MediaExtractor {
 // for its counters. Inputs are decoded as soon as an output buffer is free.
 class FakeCodecCore {
  public:
-  FakeCodecCore(bool video, size_t inputs, size_t outputs)
+  FakeCodecCore(bool video, size_t inputs, size_t outputs, size_t delay)
       : m_video(video),
+        m_delay(delay),
         m_inputs(inputs, std::vector<uint8_t>(video ? 256 * 1024 : 16 * 1024)),
         m_inputState(inputs, Slot::Free),
         m_outputs(outputs),
@@ -227,6 +228,7 @@ class FakeCodecCore {
   bool Wait(std::unique_lock<std::mutex>& lock, int64_t timeoutUs, Predicate predicate);
 
   const bool m_video;
+  const size_t m_delay;  // pictures held back while no end of stream is queued
   std::mutex m_mutex;
   std::condition_variable m_condition;
   bool m_started = false;
@@ -400,7 +402,9 @@ int FakeCodecCore::QueueInputBuffer(size_t index, size_t size, int64_t timeUs, u
 }
 
 void FakeCodecCore::Decode() {
-  while (!m_pending.empty()) {
+  const bool draining = std::any_of(m_pending.begin(), m_pending.end(),
+                                    [](const Pending& p) { return (p.info.flags & kBufferFlagEndOfStream) != 0; });
+  while (!m_pending.empty() && (draining || m_pending.size() > m_delay)) {
     const auto out = std::find(m_outputState.begin(), m_outputState.end(), Slot::Free);
     if (out == m_outputState.end()) return;
     const Pending p = m_pending.front();
@@ -566,6 +570,11 @@ void FakePlatform::SetCodecPools(size_t inputs, size_t outputs) {
   m_outputPool = outputs;
 }
 
+void FakePlatform::SetVideoDecoderDelay(size_t pictures) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_videoDelay = pictures;
+}
+
 void FakePlatform::SetSurfaceDelayMs(int ms) {
   std::lock_guard<std::mutex> lock(m_mutex);
   m_surfaceDelayMs = ms;
@@ -683,7 +692,7 @@ std::unique_ptr<OzmPlatform::MediaCodec> FakePlatform::CreateDecoderByType(const
   const bool video = type.rfind("video/", 0) == 0;
   if (!video && type.rfind("audio/", 0) != 0) return nullptr;
   std::lock_guard<std::mutex> lock(m_mutex);
-  auto core = std::make_shared<FakeCodecCore>(video, m_inputPool, m_outputPool);
+  auto core = std::make_shared<FakeCodecCore>(video, m_inputPool, m_outputPool, video ? m_videoDelay : 0);
   m_codecs.emplace_back(type, core);
   return std::make_unique<FakeCodec>(core);
 }

@@ -121,6 +121,9 @@ class FakePlatform final : public OzmPlatform::Platform {
   void SetClip(ClipScript clip);
   const ClipScript& Clip() const { return m_clip; }
   void SetCodecPools(size_t inputs, size_t outputs);
+  // Video decoders made afterwards hold this many pictures back until more input (or the end of
+  // stream) comes, like a decoder that reorders frames (the input pool must be larger).
+  void SetVideoDecoderDelay(size_t pictures);
   // CreateSurfaceTextureSurface takes this long (it gives up early when the platform goes away).
   void SetSurfaceDelayMs(int ms);
 
@@ -167,6 +170,7 @@ class FakePlatform final : public OzmPlatform::Platform {
   bool m_closing = false;
   size_t m_inputPool = 4;
   size_t m_outputPool = 4;
+  size_t m_videoDelay = 0;
   int m_surfaceDelayMs = 0;
   std::map<size_t, int> m_reads;
   int m_extractorsMade = 0;
