@@ -104,6 +104,23 @@ grep -q "12 of 12 access units carry one, 2 key frames" <<<"$out" && grep -q "at
 # The text summary of encode.
 out=$("$ozm" encode "${small[@]}" --out "$dir/text.mp4") || fail "encode (text)"
 grep -q "bits per triangle" <<<"$out" || fail "encode summary: $out"
+grep -Eq "mesh frames 12 \(key 2, huffman [0-9]+, golomb [0-9]+, transform [0-9]+, bytes [0-9]+\)" <<<"$out" ||
+  fail "encode summary of the mesh frames: $out"
+
+# The inter coding by name or header value (--inter-coding is the older name): the counts per coding
+# add up to the frames, a single coding makes all inter frames, none makes key frames only.
+for inter in "--inter:auto:" "--inter:golomb:golomb" "--inter:5:transform" "--inter-coding:bytes:bytes" \
+  "--inter-coding:0:"; do
+  IFS=: read -r option name only <<<"$inter"
+  "$ozm" encode "${small[@]}" "$option" "$name" --out "$dir/inter.mp4" --json >"$dir/inter.json" ||
+    fail "encode $option $name"
+  jq -e --arg only "$only" --arg name "$name" '.mesh.frames as $f |
+         ($f.key + $f.huffman + $f.golomb + $f.transform + $f.bytes) == 12 and
+         (if $only != "" then $f[$only] == 10 and $f.key == 2
+          elif $name == "0" then $f.key == 12
+          else $f.key >= 2 end)' "$dir/inter.json" >/dev/null ||
+    fail "encode $option $name: $(jq -c .mesh "$dir/inter.json")"
+done
 
 # inspect: text and JSON agree with the clip.
 out=$("$ozm" inspect "$clip") || fail "inspect"
@@ -208,7 +225,9 @@ expect_error "segment-seconds" "$ozm" encode "${small[@]}" --segment-seconds 0 -
 expect_error "cannot write $dir/no/such/folder/x.m3u8" "$ozm" encode "${small[@]}" --out "$dir/no/such/folder/x.m3u8"
 expect_error "WIDTHxHEIGHT" "$ozm" encode "${base[@]}" --size 100 --out "$dir/x.mp4"
 expect_error "even" "$ozm" encode "${base[@]}" --size 101x100 --out "$dir/x.mp4"
-expect_error "inter-coding" "$ozm" encode "${small[@]}" --inter-coding 6 --out "$dir/x.mp4"
+expect_error "inter takes auto, huffman" "$ozm" encode "${small[@]}" --inter-coding 6 --out "$dir/x.mp4"
+expect_error "not 'deltas'" "$ozm" encode "${small[@]}" --inter deltas --out "$dir/x.mp4"
+expect_error "key-share" "$ozm" encode "${small[@]}" --key-share 2 --out "$dir/x.mp4"
 expect_error "texture-codec" "$ozm" encode "${small[@]}" --texture-codec vp9 --out "$dir/x.mp4"
 expect_error "no mesh files" "$ozm" encode "$dir/empty" --out "$dir/x.mp4"
 expect_error "broken/f1.obj" "$ozm" encode "$dir/broken" --out "$dir/x.mp4"

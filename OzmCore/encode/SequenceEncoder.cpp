@@ -33,6 +33,10 @@ struct Part {
   std::vector<int> order;           // local vertex of each decoded vertex
   TexTransform uvTransform;         // local texture space -> frame texture space
   float uvOrigin[2] = {0, 0}, uvSize[2] = {1, 1};
+  // Connected component of each decoded vertex (set with the key frame), and their number: the
+  // transform-delta coder starts its regions from them.
+  std::vector<uint32_t> component;
+  uint32_t components = 0;
 };
 
 // Groups the faces into connected components (faces sharing a vertex), in order of first face.
@@ -116,23 +120,26 @@ struct Rigid {
   float m[16];  // column by column, as the decoder keeps it
 };
 
-Rigid FitRigid(const std::vector<Vec3>& p, const std::vector<Vec3>& q) {
+// The points are the previous positions p and the targets q of the vertices listed in members.
+Rigid FitRigid(const std::vector<Ozm::__vector4>& p, const std::vector<Vec3>& q, const std::vector<uint32_t>& members) {
   double pc[3] = {0, 0, 0}, qc[3] = {0, 0, 0};
-  for (size_t i = 0; i < p.size(); ++i) {
+  for (uint32_t i : members) {
+    const double pi[3] = {p[i].x, p[i].y, p[i].z};
     for (int a = 0; a < 3; ++a) {
-      pc[a] += p[i][a];
+      pc[a] += pi[a];
       qc[a] += q[i][a];
     }
   }
   for (int a = 0; a < 3; ++a) {
-    pc[a] /= static_cast<double>(p.size());
-    qc[a] /= static_cast<double>(p.size());
+    pc[a] /= static_cast<double>(members.size());
+    qc[a] /= static_cast<double>(members.size());
   }
   // M = sum (q - qc)(p - pc)^T; its orthogonal polar factor is the best rotation.
   double M[3][3] = {};
-  for (size_t i = 0; i < p.size(); ++i) {
+  for (uint32_t i : members) {
+    const double pi[3] = {p[i].x - pc[0], p[i].y - pc[1], p[i].z - pc[2]};
     for (int r = 0; r < 3; ++r) {
-      for (int c = 0; c < 3; ++c) M[r][c] += (q[i][r] - qc[r]) * (p[i][c] - pc[c]);
+      for (int c = 0; c < 3; ++c) M[r][c] += (q[i][r] - qc[r]) * pi[c];
     }
   }
   double R[3][3];
@@ -194,6 +201,123 @@ void AppendWords(const std::vector<uint32_t>& words, std::vector<uint8_t>& out) 
   for (uint32_t word : words) w.U32LE(word);
 }
 
+// The connected component of every decoded vertex of a part (faces sharing a vertex are connected).
+void FindComponents(Part& part) {
+  const size_t n = part.vertices.size();
+  std::vector<uint32_t> parent(n);
+  std::iota(parent.begin(), parent.end(), 0u);
+  auto find = [&parent](uint32_t v) {
+    while (parent[v] != v) v = parent[v] = parent[parent[v]];
+    return v;
+  };
+  for (const WelmMeshFace& f : part.faces) {
+    const uint32_t a = find(f.v[0]);
+    for (int k = 1; k < 3; ++k) {
+      const uint32_t b = find(f.v[k]);
+      if (a != b) parent[b] = a;
+    }
+  }
+  std::vector<int64_t> number(n, -1);
+  part.components = 0;
+  part.component.resize(part.order.size());
+  for (size_t k = 0; k < part.order.size(); ++k) {
+    const uint32_t root = find(static_cast<uint32_t>(part.order[k]));
+    if (number[root] < 0) number[root] = part.components++;
+    part.component[k] = static_cast<uint32_t>(number[root]);
+  }
+}
+
+// The part's own mesh: positions, texture coordinates (in its own rectangle when it has one) and
+// normals, in local vertex numbers.
+Mesh LocalMesh(const Mesh& frame, const Part& part, bool normals) {
+  Mesh local;
+  local.faces = part.faces;
+  local.positions.reserve(3 * part.vertices.size());
+  local.uvs.reserve(2 * part.vertices.size());
+  for (uint32_t v : part.vertices) {
+    local.positions.insert(local.positions.end(), frame.positions.begin() + 3 * v, frame.positions.begin() + 3 * v + 3);
+    float u = frame.uvs[2 * v], t = frame.uvs[2 * v + 1];
+    if (part.uvTransform.present) {
+      u = (u - part.uvOrigin[0]) / part.uvSize[0];
+      t = (t - part.uvOrigin[1]) / part.uvSize[1];
+    }
+    local.uvs.insert(local.uvs.end(), {u, t});
+    if (normals) local.normals.insert(local.normals.end(), frame.normals.begin() + 3 * v, frame.normals.begin() + 3 * v + 3);
+  }
+  return local;
+}
+
+// The input positions of a part's vertices in the order the decoder outputs them.
+std::vector<Vec3> DecodedTargets(const Mesh& frame, const Part& part) {
+  std::vector<Vec3> targets(part.order.size());
+  for (size_t k = 0; k < part.order.size(); ++k) {
+    const size_t v = part.vertices[static_cast<size_t>(part.order[k])];
+    targets[k] = {frame.positions[3 * v], frame.positions[3 * v + 1], frame.positions[3 * v + 2]};
+  }
+  return targets;
+}
+
+// First regions of the transform-delta coder: each connected component (they often move apart from
+// each other) cut into slabs along its longest axis, the budget of regions shared out by size. A
+// component of fewer than 4 vertices cannot pin a motion down and starts on the identity (-1).
+std::vector<int> SeedRegions(const std::vector<Ozm::__vector4>& prev, const Part& part, uint32_t budget,
+                             uint32_t* regions) {
+  const size_t n = prev.size();
+  const bool known = part.component.size() == n && part.components > 0;
+  const uint32_t components = known ? part.components : 1;
+  auto componentOf = [&](size_t i) { return known ? part.component[i] : 0u; };
+  std::vector<uint32_t> size(components, 0);
+  std::vector<std::array<float, 3>> lo(components, {0, 0, 0}), hi(components, {0, 0, 0});
+  for (size_t i = 0; i < n; ++i) {
+    const uint32_t c = componentOf(i);
+    const float p[3] = {prev[i].x, prev[i].y, prev[i].z};
+    for (int a = 0; a < 3; ++a) {
+      lo[c][a] = size[c] ? std::min(lo[c][a], p[a]) : p[a];
+      hi[c][a] = size[c] ? std::max(hi[c][a], p[a]) : p[a];
+    }
+    ++size[c];
+  }
+  std::vector<uint32_t> bySize;
+  uint64_t bigVertices = 0;
+  for (uint32_t c = 0; c < components; ++c) {
+    if (size[c] >= 4) {
+      bySize.push_back(c);
+      bigVertices += size[c];
+    }
+  }
+  std::stable_sort(bySize.begin(), bySize.end(), [&size](uint32_t x, uint32_t y) { return size[x] > size[y]; });
+  if (bySize.size() > budget) bySize.resize(budget);
+  const uint32_t spare = budget - static_cast<uint32_t>(bySize.size());
+  std::vector<uint32_t> slabs(components, 0), first(components, 0);
+  uint32_t next = 0;
+  for (uint32_t c : bySize) {
+    slabs[c] = 1 + static_cast<uint32_t>(static_cast<uint64_t>(spare) * size[c] / std::max<uint64_t>(bigVertices, 1));
+    first[c] = next;
+    next += slabs[c];
+  }
+  *regions = next;
+  std::vector<int> regionOf(n, -1);
+  for (size_t i = 0; i < n; ++i) {
+    const uint32_t c = componentOf(i);
+    if (!slabs[c]) continue;
+    int axis = 0;
+    for (int a = 1; a < 3; ++a) {
+      if (hi[c][a] - lo[c][a] > hi[c][axis] - lo[c][axis]) axis = a;
+    }
+    const float p[3] = {prev[i].x, prev[i].y, prev[i].z};
+    const float extent = std::max(hi[c][axis] - lo[c][axis], 1e-20f);
+    const uint32_t slab =
+        std::min<uint32_t>(slabs[c] - 1, static_cast<uint32_t>((p[axis] - lo[c][axis]) / extent * slabs[c]));
+    regionOf[i] = static_cast<int>(first[c] + slab);
+  }
+  return regionOf;
+}
+
+inline float Distance2(const Vec3& a, const Vec3& b) {
+  const float d[3] = {a[0] - b[0], a[1] - b[1], a[2] - b[2]};
+  return d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
+}
+
 }  // namespace
 
 struct SequenceEncoder::State {
@@ -205,6 +329,7 @@ struct SequenceEncoder::State {
   size_t groupVertices = 0;
   uint32_t frameInGroup = 0;
   bool started = false;
+  size_t lastKeyBytes = 0;  // the last key frame without its normals, the measure of the key-frame share
 
   // Per-axis delta bytes of an inter frame, and the range they span.
   struct Deltas {
@@ -311,47 +436,87 @@ struct SequenceEncoder::State {
     return true;
   }
 
-  // Rigid transforms per spatial cell of the previous positions, and per vertex a delta from a
-  // Huffman-coded table of quantised residuals or, for the rare ones, the exact residual.
-  bool WriteTransformDeltaBlock(const std::vector<Vec3>& targets, const Ozm::COzmMeshReaderCtx& ctx,
-                                std::vector<uint8_t>& out, float step[3]) const {
+
+  // The range, per axis, of what the byte-delta codings quantise: the input minus the decoder's
+  // prediction (as in QuantizeResiduals, without making the bytes).
+  static void PredictionResidualRange(const std::vector<Vec3>& targets, const Ozm::COzmMeshReaderCtx& ctx,
+                                      float lo[3], float hi[3]) {
     const std::vector<Ozm::__vector4>& prev = *ctx.m_pPrevMesh;
-    const size_t n = targets.size();
-    // Cells: the longest axis of the previous positions cut into slabs.
-    float lo[3] = {0, 0, 0}, hi[3] = {0, 0, 0};
-    for (size_t i = 0; i < n; ++i) {
-      const float p[3] = {prev[i].x, prev[i].y, prev[i].z};
+    const std::vector<Ozm::__vector4>* older = ctx.m_pOlderMesh;
+    for (int a = 0; a < 3; ++a) lo[a] = hi[a] = 0;
+    for (size_t i = 0; i < targets.size(); ++i) {
+      const Ozm::__vector4& p = prev[i];
+      Vec3 q = {p.x, p.y, p.z};
+      if (older) {
+        const Ozm::__vector4& o = (*older)[i];
+        q = {p.x + (p.x - o.x), p.y + (p.y - o.y), p.z + (p.z - o.z)};
+      }
       for (int a = 0; a < 3; ++a) {
-        lo[a] = i ? std::min(lo[a], p[a]) : p[a];
-        hi[a] = i ? std::max(hi[a], p[a]) : p[a];
+        const float r = targets[i][a] - q[a];
+        lo[a] = i ? std::min(lo[a], r) : r;
+        hi[a] = i ? std::max(hi[a], r) : r;
       }
     }
-    int axis = 0;
-    for (int a = 1; a < 3; ++a) {
-      if (hi[a] - lo[a] > hi[axis] - lo[axis]) axis = a;
-    }
-    const uint32_t cells = std::clamp<uint32_t>(options.maxTransforms, 1, 31);
-    const float extent = std::max(hi[axis] - lo[axis], 1e-20f);
-    std::vector<uint8_t> cellOf(n);
-    std::vector<std::vector<Vec3>> from(cells), to(cells);
-    for (size_t i = 0; i < n; ++i) {
-      const float p[3] = {prev[i].x, prev[i].y, prev[i].z};
-      const uint32_t c = std::min<uint32_t>(cells - 1, static_cast<uint32_t>((p[axis] - lo[axis]) / extent * cells));
-      cellOf[i] = static_cast<uint8_t>(c);
-      from[c].push_back({p[0], p[1], p[2]});
-      to[c].push_back(targets[i]);
-    }
-    std::vector<Rigid> transforms(1, Rigid{{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}});
-    std::vector<uint8_t> transformOf(n, 0);
-    std::vector<uint8_t> transformOfCell(cells, 0);
-    for (uint32_t c = 0; c < cells; ++c) {
-      if (from[c].size() < 4) continue;  // too few points to pin a motion down: identity
-      transformOfCell[c] = static_cast<uint8_t>(transforms.size());
-      transforms.push_back(FitRigid(from[c], to[c]));
-    }
-    for (size_t i = 0; i < n; ++i) transformOf[i] = transformOfCell[cellOf[i]];
+  }
 
-    // Residuals the decoder subtracts, and their quantisation grid (the byte-delta step of the frame).
+  // Rigid transforms for regions of the mesh, and per vertex a delta from a Huffman-coded table of
+  // quantised residuals or, for the rare ones, the exact residual. The regions start as slabs of the
+  // connected components; then, a few times over, every region gets its least-squares motion and
+  // every vertex moves to the transform that brings it closest (the transform number is written for
+  // every vertex anyway, so the choice costs nothing). Residuals are quantised on a grid no finer than
+  // minStep (the accuracy the frame asks for): a vertex that its transform brings within half a step
+  // needs no delta bits, and a region whose vertices all do needs none at all.
+  bool WriteTransformDeltaBlock(const std::vector<Vec3>& targets, const Ozm::COzmMeshReaderCtx& ctx, const Part& part,
+                                float minStep, std::vector<uint8_t>& out, float step[3]) const {
+    const std::vector<Ozm::__vector4>& prev = *ctx.m_pPrevMesh;
+    const size_t n = targets.size();
+    const Rigid identity{{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}};
+    uint32_t regions = 0;
+    std::vector<int> regionOf = SeedRegions(prev, part, std::clamp<uint32_t>(options.maxTransforms, 1, 31), &regions);
+    std::vector<Rigid> transforms;
+    std::vector<uint8_t> transformOf(n, 0);
+    std::vector<std::vector<uint32_t>> members;
+    constexpr int kRounds = 3;
+    for (int round = 0; round < kRounds; ++round) {
+      members.assign(regions, {});
+      for (size_t i = 0; i < n; ++i) {
+        if (regionOf[i] >= 0) members[static_cast<size_t>(regionOf[i])].push_back(static_cast<uint32_t>(i));
+      }
+      transforms.assign(1, identity);
+      for (const std::vector<uint32_t>& m : members) {
+        if (m.size() >= 4) transforms.push_back(FitRigid(prev, targets, m));  // fewer: too few to pin a motion down
+      }
+      std::vector<uint32_t> used(transforms.size(), 0);
+      for (size_t i = 0; i < n; ++i) {
+        uint8_t best = 0;
+        float bestDistance = Distance2(Move(identity.m, prev[i]), targets[i]);
+        for (size_t t = 1; t < transforms.size() && bestDistance > 0; ++t) {
+          const float d = Distance2(Move(transforms[t].m, prev[i]), targets[i]);
+          if (d < bestDistance) {
+            bestDistance = d;
+            best = static_cast<uint8_t>(t);
+          }
+        }
+        transformOf[i] = best;
+        ++used[best];
+      }
+      // Transforms nobody uses are dropped; the rest become the regions of the next round.
+      std::vector<uint8_t> renumber(transforms.size(), 0);
+      std::vector<Rigid> kept(1, identity);
+      for (size_t t = 1; t < transforms.size(); ++t) {
+        if (!used[t]) continue;
+        renumber[t] = static_cast<uint8_t>(kept.size());
+        kept.push_back(transforms[t]);
+      }
+      transforms.swap(kept);
+      regions = static_cast<uint32_t>(transforms.size() - 1);
+      for (size_t i = 0; i < n; ++i) {
+        transformOf[i] = renumber[transformOf[i]];
+        regionOf[i] = static_cast<int>(transformOf[i]) - 1;
+      }
+    }
+
+    // Residuals the decoder subtracts, and their quantisation grid.
     std::vector<Vec3> residual(n);
     float rlo[3] = {0, 0, 0}, rhi[3] = {0, 0, 0};
     for (size_t i = 0; i < n; ++i) {
@@ -362,7 +527,7 @@ struct SequenceEncoder::State {
         rhi[a] = i ? std::max(rhi[a], residual[i][a]) : residual[i][a];
       }
     }
-    for (int a = 0; a < 3; ++a) step[a] = (rhi[a] - rlo[a]) / 255.0f;
+    for (int a = 0; a < 3; ++a) step[a] = std::max(minStep, (rhi[a] - rlo[a]) / 255.0f);
     using Key = std::array<int32_t, 3>;
     std::vector<Key> keys(n);
     std::map<Key, uint32_t> counts;
@@ -429,6 +594,291 @@ struct SequenceEncoder::State {
     AppendWords(w.Words(), out);
     return true;
   }
+
+  // The frame payload from the parts' payloads: as it is, or behind the temporal mesh's header and
+  // texture transforms.
+  void Assemble(const Mesh& frame, uint32_t frameId, const std::vector<std::vector<uint8_t>>& partPayloads,
+                std::vector<uint8_t>& payload) const {
+    using namespace NWelmStudioFormatFlags;
+    payload.clear();
+    if (options.temporalSubMeshes) {
+      uint32_t vertices = 0, faces = 0;
+      for (const Part& p : parts) {
+        vertices += static_cast<uint32_t>(p.order.size());
+        faces += static_cast<uint32_t>(p.faces.size());
+      }
+      CStreamingMeshHeader h;
+      h.m_Version.v = {NWelmStudioVertexVersion::c_UnwrappedXYZUV,
+                       static_cast<uint8_t>(c_TriangleList | (frameId ? c_HasFrameId : 0)),
+                       NWelmStudioMeshHeaderVersion::c_MeshHeaderVersion_Temporal, 0};
+      h.m_frameId = frameId;
+      const Box box = BoundsOf(frame.positions);
+      std::memcpy(h.m_bboxMin, box.min, 12);
+      std::memcpy(h.m_bboxMax, box.max, 12);
+      h.m_numSubMeshes = static_cast<uint32_t>(parts.size());
+      h.m_numVertices = vertices;
+      h.m_numFaces = faces;
+      h.m_numIndices = 3 * faces;
+      WriteStreamingMeshHeader(h, payload);
+      std::vector<TexTransform> transforms;
+      for (const Part& p : parts) transforms.push_back(p.uvTransform);
+      WriteTransformBlock(transforms, payload);
+    }
+    for (const auto& bytes : partPayloads) payload.insert(payload.end(), bytes.begin(), bytes.end());
+  }
+
+  // Closed loop: decodes the payload exactly as a player will, which advances the history, and
+  // measures the largest error of the reconstruction against the targets.
+  bool Reconstruct(const std::vector<uint8_t>& payload, const std::vector<std::vector<Vec3>>& targets, uint32_t frameId,
+                   double* maxError) {
+    OZMCORE::CComPtr<OzmCrossPlatform::Stream> stream(
+        OzmCrossPlatform::Stream::CopyOf(payload.data(), static_cast<uint32_t>(payload.size())));
+    OZMCORE::CComPtr<IOzmBuffer> vb, ib;
+    if (!stream || OZM_FAILED(reader.ReadMesh(stream, 0, &vb, &ib))) {
+      OZM_LOGE("SequenceEncoder: the decoder refused frame %u", frameId);
+      return false;
+    }
+    *maxError = 0;
+    for (size_t p = 0; p < parts.size(); ++p) {
+      const std::vector<Ozm::__vector4>& decoded = *reader.Context(parts[p].id)->m_pPrevMesh;
+      for (size_t k = 0; k < targets[p].size() && k < decoded.size(); ++k) {
+        const float d[3] = {decoded[k].x, decoded[k].y, decoded[k].z};
+        for (int a = 0; a < 3; ++a) {
+          *maxError = std::max(*maxError, std::fabs(static_cast<double>(d[a]) - targets[p][k][a]));
+        }
+      }
+    }
+    return true;
+  }
+
+  void Describe(EncodedFrame* out) const {
+    out->sourceVertex.clear();
+    out->vertices = out->faces = 0;
+    for (const Part& part : parts) {
+      for (int k : part.order) out->sourceVertex.push_back(part.vertices[static_cast<size_t>(k)]);
+      out->vertices += static_cast<uint32_t>(part.order.size());
+      out->faces += static_cast<uint32_t>(part.faces.size());
+    }
+  }
+
+  bool EncodeKey(const Mesh& frame, uint32_t frameId, EncodedFrame* out) {
+    const SequenceOptions& o = options;
+    parts = o.temporalSubMeshes ? Components(frame) : std::vector<Part>{WholeMesh(frame)};
+    std::vector<std::vector<uint8_t>> partPayloads;
+    std::vector<std::vector<Vec3>> targets;
+    float frameStep = 0;
+    for (Part& part : parts) {
+      if (o.temporalSubMeshes) FitTexTransform(frame, part);
+      const Mesh local = LocalMesh(frame, part, o.normals);
+      KeyFrameOptions k;
+      k.indexVersion = o.indexVersion;
+      k.indicesFirst = o.indicesFirst;
+      k.normalsInRecords = o.normals;
+      if (o.temporalSubMeshes) k.subMeshId = part.id;
+      if (frameId && !o.temporalSubMeshes) k.frameId = frameId;
+      EncodedKeyFrame encoded;
+      if (!EncodeKeyFrame(local, k, &encoded)) return false;
+      part.order = std::move(encoded.vertexOrder);
+      FindComponents(part);
+      partPayloads.push_back(std::move(encoded.bytes));
+      const Box box = BoundsOf(local.positions);
+      for (int a = 0; a < 3; ++a) frameStep = std::max(frameStep, (box.max[a] - box.min[a]) / 65535.0f);
+      targets.push_back(DecodedTargets(frame, part));
+    }
+    Assemble(frame, frameId, partPayloads, out->payload);
+    if (!Reconstruct(out->payload, targets, frameId, &out->maxError)) return false;
+    // Normals are stored as they are in both kinds of frame (8 bytes a vertex in key records, 6 in the
+    // inter frames' block): the key-frame share leaves them out on both sides.
+    size_t vertices = 0;
+    for (const Part& part : parts) vertices += part.order.size();
+    lastKeyBytes = out->payload.size() - (o.normals ? std::min(out->payload.size(), 8 * vertices) : 0);
+    out->keyFrame = true;
+    out->coding = InterCoding::KeyFramesOnly;
+    out->step = frameStep;
+    Describe(out);
+    return true;
+  }
+
+  // What a part's history arrays hold before an inter frame is tried, so that a rejected try can be
+  // undone: the pointers, and the contents of the one array the coding overwrites (the byte-delta
+  // codings write the older array, or the spare one when there is none; transform deltas the
+  // previous one).
+  struct Saved {
+    Ozm::COzmMeshReaderCtx* ctx;
+    std::vector<Ozm::__vector4>* prev;
+    std::vector<Ozm::__vector4>* older;
+    std::vector<Ozm::__vector4> contents;
+  };
+
+  std::vector<Saved> SaveHistory(InterCoding coding) {
+    std::vector<Saved> saved;
+    for (const Part& part : parts) {
+      Ozm::COzmMeshReaderCtx* ctx = reader.Context(part.id);
+      Saved s{ctx, ctx->m_pPrevMesh, ctx->m_pOlderMesh, {}};
+      if (coding == InterCoding::TransformDelta) {
+        s.contents = *ctx->m_pPrevMesh;
+      } else if (ctx->m_pOlderMesh) {
+        s.contents = *ctx->m_pOlderMesh;
+      }
+      saved.push_back(std::move(s));
+    }
+    return saved;
+  }
+
+  static void RestoreHistory(InterCoding coding, std::vector<Saved>& saved) {
+    for (Saved& s : saved) {
+      s.ctx->m_pPrevMesh = s.prev;
+      s.ctx->m_pOlderMesh = s.older;
+      if (coding == InterCoding::TransformDelta) {
+        s.prev->swap(s.contents);
+      } else if (s.older) {
+        s.older->swap(s.contents);
+      }
+    }
+  }
+
+  // An inter frame in the chosen coding, or in each coding for Auto. Sets *asKey (and writes
+  // nothing) when Auto finds a key frame the better choice.
+  bool EncodeInter(const Mesh& frame, uint32_t frameId, EncodedFrame* out, bool* asKey) {
+    using namespace NWelmStudioFormatFlags;
+    const SequenceOptions& o = options;
+    const bool chooses = o.inter == InterCoding::Auto;
+    std::vector<InterCoding> codings;
+    if (chooses) {
+      codings.assign(std::begin(kInterCodings), std::end(kInterCodings));
+    } else {
+      codings.push_back(o.inter);
+    }
+    const bool byteCodings = std::any_of(codings.begin(), codings.end(),
+                                         [](InterCoding c) { return c != InterCoding::TransformDelta; });
+
+    // Per part: its mesh, its targets in decoded order, and (shared by the three byte-delta codings)
+    // its quantised prediction residuals.
+    std::vector<Mesh> locals;
+    std::vector<std::vector<Vec3>> targets;
+    std::vector<Deltas> deltas;
+    // The frame's accuracy: half the byte-delta step (what the default codings give), or half the
+    // 16-bit grid of the frame's box when that is coarser (finer than key frames themselves store
+    // buys nothing a 16-bit output layout could show).
+    float referenceStep = 0, gridStep = 0;
+    for (const Part& part : parts) {
+      locals.push_back(LocalMesh(frame, part, o.normals));
+      targets.push_back(DecodedTargets(frame, part));
+      const Ozm::COzmMeshReaderCtx& ctx = *reader.Context(part.id);
+      float lo[3], hi[3];
+      if (byteCodings) {
+        deltas.push_back(QuantizeResiduals(targets.back(), ctx));
+        std::copy(deltas.back().min, deltas.back().min + 3, lo);
+        std::copy(deltas.back().max, deltas.back().max + 3, hi);
+      } else {
+        PredictionResidualRange(targets.back(), ctx, lo, hi);
+      }
+      const Box box = BoundsOf(locals.back().positions);
+      for (int a = 0; a < 3; ++a) {
+        gridStep = std::max(gridStep, (box.max[a] - box.min[a]) / 65535.0f);
+        referenceStep = std::max({referenceStep, (hi[a] - lo[a]) / 255.0f, gridStep});
+      }
+    }
+    double largest = 0;
+    for (float p : frame.positions) largest = std::max(largest, std::fabs(static_cast<double>(p)));
+    // Float rounding: the decoder's sums round at the magnitude of the coordinates.
+    const double accuracy = 0.5 * referenceStep + 1e-5 + 1e-6 * largest;
+
+    struct Candidate {
+      InterCoding coding;
+      std::vector<uint8_t> payload;
+      float step = 0;
+    };
+    std::vector<Candidate> candidates;
+    std::vector<std::vector<uint8_t>> partPayloads(parts.size());
+    for (InterCoding coding : codings) {
+      Candidate c{coding, {}, 0};
+      for (size_t p = 0; p < parts.size(); ++p) {
+        const Part& part = parts[p];
+        std::vector<uint8_t>& bytes = partPayloads[p];
+        bytes.clear();
+        CStreamingMeshHeader h;
+        const bool normalsBlock = o.normals && coding != InterCoding::TransformDelta;
+        h.m_Version.v = {static_cast<uint8_t>(coding),
+                         static_cast<uint8_t>(c_TriangleList | (o.temporalSubMeshes ? c_HasSubMeshId : 0) |
+                                              (frameId && !o.temporalSubMeshes ? c_HasFrameId : 0) |
+                                              (normalsBlock ? c_HasNormals : 0)),
+                         NWelmStudioMeshHeaderVersion::c_MeshHeaderVersion_DeltaFrame, 0};
+        h.m_subMeshId = part.id;
+        h.m_frameId = frameId;
+        const Box box = BoundsOf(locals[p].positions);
+        std::memcpy(h.m_bboxMin, box.min, 12);
+        std::memcpy(h.m_bboxMax, box.max, 12);
+        WriteStreamingMeshHeader(h, bytes);
+        bool ok = true;
+        if (coding == InterCoding::TransformDelta) {
+          float step[3];
+          ok = WriteTransformDeltaBlock(targets[p], *reader.Context(part.id), part, referenceStep, bytes, step);
+          c.step = std::max({c.step, step[0], step[1], step[2]});
+        } else {
+          const Deltas& d = deltas[p];
+          for (int a = 0; a < 3; ++a) c.step = std::max(c.step, (d.max[a] - d.min[a]) / 255.0f);
+          switch (coding) {
+            case InterCoding::ByteDelta: ok = WriteByteDeltaBlock(d, bytes); break;
+            case InterCoding::Golomb: ok = WriteGolombBlock(d, bytes); break;
+            default: ok = WriteHuffmanBlock(d, bytes); break;
+          }
+          if (normalsBlock) WriteNormalsBlock(locals[p].normals, part.order, bytes);
+        }
+        if (!ok) return false;
+      }
+      Assemble(frame, frameId, partPayloads, c.payload);
+      if (chooses) out->candidates.push_back({coding, c.payload.size()});
+      candidates.push_back(std::move(c));
+    }
+    std::vector<size_t> order(candidates.size());
+    std::iota(order.begin(), order.end(), size_t{0});
+    std::stable_sort(order.begin(), order.end(),
+                     [&](size_t x, size_t y) { return candidates[x].payload.size() < candidates[y].payload.size(); });
+
+    // Key frame or inter frame: an inter frame is charged its bytes plus the bits it lacks to reach the
+    // key frame's precision (per coordinate, log2 of its step over the key frame's grid, where
+    // coarser), so that both are compared at the same accuracy. See SequenceOptions::keyFrameShare.
+    if (chooses && o.keyFrameShare > 0 && lastKeyBytes > 0) {
+      double cost = std::numeric_limits<double>::max();
+      size_t vertices = 0;
+      for (const Part& part : parts) vertices += part.order.size();
+      for (const Candidate& c : candidates) {
+        const double lacking = gridStep > 0 && c.step > gridStep ? std::log2(c.step / gridStep) : 0.0;
+        const size_t normals = o.normals && c.coding != InterCoding::TransformDelta ? 6 * vertices : 0;
+        cost = std::min(cost, static_cast<double>(c.payload.size() - std::min(normals, c.payload.size())) +
+                                  3.0 * static_cast<double>(vertices) * lacking / 8);
+      }
+      if (cost > o.keyFrameShare * static_cast<double>(lastKeyBytes)) {
+        *asKey = true;
+        return true;
+      }
+    }
+    // The smallest first; a try that misses the accuracy is undone and the next one tried. Only a
+    // try that may be undone needs its history kept.
+    for (size_t rank = 0; rank < order.size(); ++rank) {
+      Candidate& c = candidates[order[rank]];
+      std::vector<Saved> saved;
+      if (chooses) saved = SaveHistory(c.coding);
+      double error = 0;
+      if (!Reconstruct(c.payload, targets, frameId, &error)) return false;
+      if (chooses && error > accuracy) {
+        OZM_LOGW("SequenceEncoder: frame %u in coding %d is off by %g, more than %g", frameId,
+                 static_cast<int>(c.coding), error, accuracy);
+        RestoreHistory(c.coding, saved);
+        continue;
+      }
+      out->payload = std::move(c.payload);
+      out->keyFrame = false;
+      out->coding = c.coding;
+      out->maxError = error;
+      out->step = c.step;
+      Describe(out);
+      return true;
+    }
+    *asKey = true;  // no coding reached the accuracy: a key frame does
+    return true;
+  }
 };
 
 SequenceEncoder::SequenceEncoder(const SequenceOptions& options) : m_state(new State) {
@@ -452,149 +902,23 @@ bool SequenceEncoder::Encode(const Mesh& frame, uint32_t frameId, EncodedFrame* 
   const bool sameTopology = s.started && numVertices == s.groupVertices && frame.faces.size() == s.groupFaces.size() &&
                             std::memcmp(frame.faces.data(), s.groupFaces.data(),
                                         frame.faces.size() * sizeof(WelmMeshFace)) == 0;
-  const bool key = !sameTopology || o.inter == InterCoding::KeyFramesOnly || s.frameInGroup >= o.keyFrameInterval;
-  if (key) {
+  const bool groupStart = !sameTopology || o.inter == InterCoding::KeyFramesOnly || s.frameInGroup >= o.keyFrameInterval;
+  if (groupStart) {
     s.started = true;
     s.frameInGroup = 0;
     s.groupFaces = frame.faces;
     s.groupVertices = numVertices;
-    s.parts = o.temporalSubMeshes ? Components(frame) : std::vector<Part>{WholeMesh(frame)};
-    if (o.temporalSubMeshes) {
-      for (Part& p : s.parts) FitTexTransform(frame, p);
-    }
   }
   ++s.frameInGroup;
-
-  using namespace NWelmStudioFormatFlags;
-  std::vector<std::vector<uint8_t>> partPayloads;
-  std::vector<std::vector<Vec3>> partTargets;
-  uint32_t totalVertices = 0, totalFaces = 0;
-  float frameStep[3] = {0, 0, 0};
-  for (Part& part : s.parts) {
-    // The part's own mesh: positions, texture coordinates (in its own rectangle when it has one) and
-    // normals, in local vertex numbers.
-    Mesh local;
-    local.faces = part.faces;
-    for (uint32_t v : part.vertices) {
-      local.positions.insert(local.positions.end(), frame.positions.begin() + 3 * v, frame.positions.begin() + 3 * v + 3);
-      float u = frame.uvs[2 * v], t = frame.uvs[2 * v + 1];
-      if (part.uvTransform.present) {
-        u = (u - part.uvOrigin[0]) / part.uvSize[0];
-        t = (t - part.uvOrigin[1]) / part.uvSize[1];
-      }
-      local.uvs.insert(local.uvs.end(), {u, t});
-      if (o.normals) local.normals.insert(local.normals.end(), frame.normals.begin() + 3 * v, frame.normals.begin() + 3 * v + 3);
-    }
-
-    std::vector<uint8_t> bytes;
-    if (key) {
-      KeyFrameOptions k;
-      k.indexVersion = o.indexVersion;
-      k.indicesFirst = o.indicesFirst;
-      k.normalsInRecords = o.normals;
-      if (o.temporalSubMeshes) k.subMeshId = part.id;
-      if (frameId && !o.temporalSubMeshes) k.frameId = frameId;
-      EncodedKeyFrame encoded;
-      if (!EncodeKeyFrame(local, k, &encoded)) return false;
-      part.order = encoded.vertexOrder;
-      bytes = std::move(encoded.bytes);
-      const Box box = BoundsOf(local.positions);
-      for (int a = 0; a < 3; ++a) frameStep[a] = std::max(frameStep[a], (box.max[a] - box.min[a]) / 65535.0f);
-    } else {
-      const Ozm::COzmMeshReaderCtx* ctx = s.reader.Context(part.id);
-      std::vector<Vec3> targets(part.order.size());
-      for (size_t k = 0; k < part.order.size(); ++k) {
-        const size_t v = static_cast<size_t>(part.order[k]);
-        targets[k] = {local.positions[3 * v], local.positions[3 * v + 1], local.positions[3 * v + 2]};
-      }
-      CStreamingMeshHeader h;
-      const bool normalsBlock = o.normals && o.inter != InterCoding::TransformDelta;
-      h.m_Version.v = {static_cast<uint8_t>(o.inter),
-                       static_cast<uint8_t>(c_TriangleList | (o.temporalSubMeshes ? c_HasSubMeshId : 0) |
-                                            (frameId && !o.temporalSubMeshes ? c_HasFrameId : 0) |
-                                            (normalsBlock ? c_HasNormals : 0)),
-                       NWelmStudioMeshHeaderVersion::c_MeshHeaderVersion_DeltaFrame, 0};
-      h.m_subMeshId = part.id;
-      h.m_frameId = frameId;
-      const Box box = BoundsOf(local.positions);
-      std::memcpy(h.m_bboxMin, box.min, 12);
-      std::memcpy(h.m_bboxMax, box.max, 12);
-      WriteStreamingMeshHeader(h, bytes);
-      bool ok = true;
-      if (o.inter == InterCoding::TransformDelta) {
-        float step[3];
-        ok = s.WriteTransformDeltaBlock(targets, *ctx, bytes, step);
-        for (int a = 0; a < 3; ++a) frameStep[a] = std::max(frameStep[a], step[a]);
-      } else {
-        const State::Deltas d = s.QuantizeResiduals(targets, *ctx);
-        for (int a = 0; a < 3; ++a) frameStep[a] = std::max(frameStep[a], (d.max[a] - d.min[a]) / 255.0f);
-        switch (o.inter) {
-          case InterCoding::ByteDelta: ok = s.WriteByteDeltaBlock(d, bytes); break;
-          case InterCoding::Golomb: ok = s.WriteGolombBlock(d, bytes); break;
-          default: ok = s.WriteHuffmanBlock(d, bytes); break;
-        }
-        if (normalsBlock) WriteNormalsBlock(local.normals, part.order, bytes);
-      }
-      if (!ok) return false;
-    }
-    totalVertices += static_cast<uint32_t>(part.order.size());
-    totalFaces += static_cast<uint32_t>(part.faces.size());
-    partPayloads.push_back(std::move(bytes));
-    std::vector<Vec3> targets(part.order.size());
-    for (size_t k = 0; k < part.order.size(); ++k) {
-      const size_t v = part.vertices[static_cast<size_t>(part.order[k])];
-      targets[k] = {frame.positions[3 * v], frame.positions[3 * v + 1], frame.positions[3 * v + 2]};
-    }
-    partTargets.push_back(std::move(targets));
+  out->candidates.clear();
+  if (!groupStart) {
+    bool asKey = false;
+    if (!s.EncodeInter(frame, frameId, out, &asKey)) return false;
+    if (!asKey) return true;
   }
-
-  out->payload.clear();
-  if (o.temporalSubMeshes) {
-    CStreamingMeshHeader h;
-    h.m_Version.v = {NWelmStudioVertexVersion::c_UnwrappedXYZUV,
-                     static_cast<uint8_t>(c_TriangleList | (frameId ? c_HasFrameId : 0)),
-                     NWelmStudioMeshHeaderVersion::c_MeshHeaderVersion_Temporal, 0};
-    h.m_frameId = frameId;
-    const Box box = BoundsOf(frame.positions);
-    std::memcpy(h.m_bboxMin, box.min, 12);
-    std::memcpy(h.m_bboxMax, box.max, 12);
-    h.m_numSubMeshes = static_cast<uint32_t>(s.parts.size());
-    h.m_numVertices = totalVertices;
-    h.m_numFaces = totalFaces;
-    h.m_numIndices = 3 * totalFaces;
-    WriteStreamingMeshHeader(h, out->payload);
-    std::vector<TexTransform> transforms;
-    for (const Part& p : s.parts) transforms.push_back(p.uvTransform);
-    WriteTransformBlock(transforms, out->payload);
-  }
-  for (const auto& bytes : partPayloads) out->payload.insert(out->payload.end(), bytes.begin(), bytes.end());
-
-  // Closed loop: decode what was made, exactly as a player will, to advance the history.
-  OZMCORE::CComPtr<OzmCrossPlatform::Stream> stream(
-      OzmCrossPlatform::Stream::CopyOf(out->payload.data(), static_cast<uint32_t>(out->payload.size())));
-  OZMCORE::CComPtr<IOzmBuffer> vb, ib;
-  if (!stream || OZM_FAILED(s.reader.ReadMesh(stream, 0, &vb, &ib))) {
-    OZM_LOGE("SequenceEncoder: the decoder refused frame %u", frameId);
-    return false;
-  }
-
-  out->keyFrame = key;
-  out->sourceVertex.clear();
-  for (const Part& part : s.parts) {
-    for (int k : part.order) out->sourceVertex.push_back(part.vertices[static_cast<size_t>(k)]);
-  }
-  out->vertices = totalVertices;
-  out->faces = totalFaces;
-  out->maxError = 0;
-  for (size_t p = 0; p < s.parts.size(); ++p) {
-    const std::vector<Ozm::__vector4>& decoded = *s.reader.Context(s.parts[p].id)->m_pPrevMesh;
-    for (size_t k = 0; k < partTargets[p].size() && k < decoded.size(); ++k) {
-      const float d[3] = {decoded[k].x, decoded[k].y, decoded[k].z};
-      for (int a = 0; a < 3; ++a) out->maxError = std::max(out->maxError, std::fabs(static_cast<double>(d[a]) - partTargets[p][k][a]));
-    }
-  }
-  out->step = std::max({frameStep[0], frameStep[1], frameStep[2]});
-  return true;
+  // Key frames placed inside a group keep the group's count: group starts stay where the pictures'
+  // key frames are.
+  return s.EncodeKey(frame, frameId, out);
 }
 
 }  // namespace OzmEncode

@@ -184,9 +184,10 @@ void CheckOptions(const EncodeOptions& o) {
   if (o.sample == !o.input.empty()) throw ToolError("give either --sample or an input folder");
   if (o.indexCoding < 1 || o.indexCoding > 4) throw ToolError("index coding must be 1, 2, 3 or 4");
   const int inter = o.interCoding;
-  if (inter != 0 && inter != 3 && inter != 4 && inter != 5 && inter != 7) {
-    throw ToolError("inter coding must be 3, 4, 5 or 7 (0 for key frames only)");
+  if (inter != kInterAuto && inter != 0 && inter != 3 && inter != 4 && inter != 5 && inter != 7) {
+    throw ToolError("inter coding must be auto, 3, 4, 5 or 7 (0 for key frames only)");
   }
+  if (!(o.keyFrameShare >= 0 && o.keyFrameShare <= 1)) throw ToolError("the key-frame share must be 0 to 1");
   if (o.keyInterval < 1) throw ToolError("the key-frame interval must be at least 1");
   if (o.fps < 1 || o.fps > 240) throw ToolError("frames per second must be 1 to 240");
   if (o.frames < 0) throw ToolError("the frame count cannot be negative");
@@ -203,6 +204,30 @@ int SegmentFrames(const EncodeOptions& o) {
 }
 
 }  // namespace
+
+namespace {
+struct InterName {
+  const char* name;
+  int coding;
+};
+constexpr InterName kInterNames[] = {{"auto", kInterAuto}, {"huffman", 7}, {"golomb", 4},
+                                     {"bytes", 3},         {"transform", 5}, {"none", 0}};
+}  // namespace
+
+int ParseInterCoding(const std::string& name) {
+  for (const InterName& n : kInterNames) {
+    if (name == n.name || (n.coding >= 0 && name == std::to_string(n.coding))) return n.coding;
+  }
+  throw ToolError("--inter takes auto, huffman, golomb, bytes, transform or none (or 7, 4, 3, 5, 0), not '" + name +
+                  "'");
+}
+
+const char* InterCodingName(int coding) {
+  for (const InterName& n : kInterNames) {
+    if (n.coding == coding) return n.name;
+  }
+  return "?";
+}
 
 EncodeSummary Encode(const EncodeOptions& o, const ProgressFn& progress) {
   const auto start = std::chrono::steady_clock::now();
@@ -291,7 +316,9 @@ EncodeSummary Encode(const EncodeOptions& o, const ProgressFn& progress) {
   OzmEncode::SequenceOptions sequence;
   sequence.keyFrameInterval = static_cast<uint32_t>(o.keyInterval);
   sequence.indexVersion = static_cast<uint8_t>(o.indexCoding);
-  sequence.inter = static_cast<OzmEncode::InterCoding>(o.interCoding);
+  sequence.inter = o.interCoding == kInterAuto ? OzmEncode::InterCoding::Auto
+                                               : static_cast<OzmEncode::InterCoding>(o.interCoding);
+  sequence.keyFrameShare = o.keyFrameShare;
   sequence.normals = o.normals;
   sequence.temporalSubMeshes = o.temporal;
   std::unique_ptr<OzmEncode::SequenceEncoder> meshEncoder;
@@ -367,6 +394,10 @@ EncodeSummary Encode(const EncodeOptions& o, const ProgressFn& progress) {
     summary.triangles += encoded.faces;
     summary.vertices += encoded.vertices;
     summary.meshKeyFrames += encoded.keyFrame ? 1 : 0;
+    // A key frame that its group's start did not ask for and that prediction could have made: a
+    // topology change makes one too, and then no coding was tried.
+    summary.placedKeyFrames += encoded.keyFrame && !groupStart && !encoded.candidates.empty() ? 1 : 0;
+    if (!encoded.keyFrame) ++summary.interFrames[static_cast<int>(encoded.coding)];
     summary.maxError = std::max(summary.maxError, encoded.maxError);
     summary.maxStep = std::max(summary.maxStep, encoded.step);
 

@@ -7,12 +7,21 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "tools/ozm/media/NalUnits.h"
 
 namespace OzmTool {
+
+constexpr int kInterAuto = -1;
+
+// The inter coding named on the command line: auto, huffman, golomb, bytes, transform or none, or
+// the header values 7, 4, 3, 5 and 0. Throws ToolError for anything else.
+int ParseInterCoding(const std::string& name);
+// The name of a coding as ParseInterCoding takes it.
+const char* InterCodingName(int coding);
 
 struct EncodeOptions {
   std::string out;  // .mp4, or .m3u8 for HLS
@@ -28,7 +37,10 @@ struct EncodeOptions {
   // Mesh coding.
   int keyInterval = 30;
   int indexCoding = 4;
-  int interCoding = 7;  // 0: key frames only
+  // Inter-frame vertices: a header value (3 byte deltas, 4 Golomb, 5 transform deltas, 7 Huffman,
+  // 0 key frames only) or kInterAuto, per frame the smallest of the four.
+  int interCoding = kInterAuto;
+  double keyFrameShare = 1.0 / 3;  // auto: an inter frame larger than this share of a key frame becomes one
   bool temporal = false;
   bool normals = false;
   // Picture coding.
@@ -50,6 +62,9 @@ struct EncodeSummary {
   int width = 0, height = 0, fps = 0;
   int frames = 0;
   int meshKeyFrames = 0;
+  int placedKeyFrames = 0;  // key frames the encoder chose inside a group (auto), among meshKeyFrames
+  // Inter frames per coding (header values 3, 4, 5, 7).
+  std::map<int, int> interFrames;
   double durationSeconds = 0;
   bool hls = false;
   bool audio = false;

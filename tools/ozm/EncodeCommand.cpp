@@ -3,6 +3,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <regex>
+#include <string>
 
 #include "tools/ozm/Commands.h"
 #include "tools/ozm/Encode.h"
@@ -17,10 +18,35 @@ struct EncodeCommandLine {
   EncodeOptions options;
   std::string codec = "h264";
   std::string size;
+  std::string inter = "auto";
   bool json = false;
 };
 
 const char* CodecName(VideoCodec c) { return c == VideoCodec::H264 ? "h264" : "hevc"; }
+
+// Inter frames per coding: every coding, so that readers find a count for each.
+int InterFrames(const EncodeSummary& s, int coding) {
+  const auto it = s.interFrames.find(coding);
+  return it == s.interFrames.end() ? 0 : it->second;
+}
+
+constexpr int kCodingsShown[] = {7, 4, 5, 3};
+
+nlohmann::json MeshFramesJson(const EncodeSummary& s) {
+  nlohmann::json j = {{"key", s.meshKeyFrames}, {"placed_key", s.placedKeyFrames}};
+  for (int coding : kCodingsShown) j[InterCodingName(coding)] = InterFrames(s, coding);
+  return j;
+}
+
+// "300 (key 10, huffman 251, golomb 30, transform 9, bytes 0)"; placed key frames are counted apart.
+std::string MeshFramesText(const EncodeSummary& s) {
+  std::string text = std::to_string(s.frames) + " (key " + std::to_string(s.meshKeyFrames);
+  if (s.placedKeyFrames) text += " of which " + std::to_string(s.placedKeyFrames) + " placed";
+  for (int coding : kCodingsShown) {
+    text += std::string(", ") + InterCodingName(coding) + " " + std::to_string(InterFrames(s, coding));
+  }
+  return text + ")";
+}
 
 nlohmann::json ToJson(const EncodeSummary& s) {
   const double meshBits = 8.0 * static_cast<double>(s.meshBytes);
@@ -44,6 +70,7 @@ nlohmann::json ToJson(const EncodeSummary& s) {
         {"max_indices", s.maxIndices},
         {"bits_per_triangle", s.triangles ? meshBits / static_cast<double>(s.triangles) : 0.0},
         {"bytes_per_vertex", s.vertices ? static_cast<double>(s.meshBytes) / static_cast<double>(s.vertices) : 0.0},
+        {"frames", MeshFramesJson(s)},
         {"max_error", s.maxError},
         {"max_step", s.maxStep},
         {"bbox_min", {s.bboxMin[0], s.bboxMin[1], s.bboxMin[2]}},
@@ -79,6 +106,7 @@ void PrintSummary(const EncodeSummary& s) {
   std::printf("  pictures    %14s bytes  %6.2f Mbit/s\n", Thousands(s.pictureBytes).c_str(), mbps(s.pictureBytes));
   std::printf("  meshes      %14s bytes  %6.2f Mbit/s, %d key frames\n", Thousands(s.meshBytes).c_str(),
               mbps(s.meshBytes), s.meshKeyFrames);
+  std::printf("  mesh frames %s\n", MeshFramesText(s).c_str());
   if (s.audio) {
     std::printf("  audio       %14s bytes  %6.2f Mbit/s, AAC %d Hz %s, %.2f s\n", Thousands(s.audioBytes).c_str(),
                 mbps(s.audioBytes), s.audioRate, s.audioChannels == 1 ? "mono" : "stereo", s.audioSeconds);
@@ -102,6 +130,7 @@ int Run(const EncodeCommandLine& c) {
   EncodeOptions o = c.options;
   try {
     o.codec = c.codec == "hevc" ? VideoCodec::Hevc : VideoCodec::H264;
+    o.interCoding = ParseInterCoding(c.inter);
     if (!c.size.empty()) {
       std::smatch m;
       if (!std::regex_match(c.size, m, std::regex(R"((\d{1,5})x(\d{1,5}))"))) {
@@ -160,10 +189,15 @@ void AddEncodeCommand(CLI::App& app, std::function<int()>* run) {
                   "Key-frame indices: 1 raw, 2 fixed-byte deltas, 3 varint deltas, 4 EdgeBreaker")
       ->capture_default_str()
       ->check(CLI::IsMember({1, 2, 3, 4}));
-  cmd->add_option("--inter-coding", o.interCoding,
-                  "Inter-frame vertices: 3 byte deltas, 4 Golomb, 5 transform deltas, 7 Huffman; 0 key frames only")
+  cmd->add_option("--inter,--inter-coding", c->inter,
+                  "Inter-frame vertices: auto (per frame the smallest of the others), huffman (7), golomb (4), "
+                  "bytes (3, byte deltas), transform (5, rigid transforms and deltas), none (0, key frames only)")
+      ->capture_default_str();
+  cmd->add_option("--key-share", o.keyFrameShare,
+                  "With --inter auto: an inter frame larger than this share of a key frame becomes a key frame "
+                  "(0: only group starts and topology changes)")
       ->capture_default_str()
-      ->check(CLI::IsMember({0, 3, 4, 5, 7}));
+      ->check(CLI::Range(0.0, 1.0));
   cmd->add_flag("--temporal", o.temporal, "Temporal meshes: every frame made of its connected parts");
   cmd->add_flag("--normals", o.normals, "Store vertex normals");
   cmd->add_option("--texture-codec", c->codec, "Picture codec")
