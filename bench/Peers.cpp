@@ -6,6 +6,7 @@
 #include <meshoptimizer.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <memory>
 
@@ -27,12 +28,20 @@ int AddFloatAttribute(draco::Mesh* mesh, draco::GeometryAttribute::Type type, in
   return id;
 }
 
-bool Encode(const OzmEncode::Mesh& mesh, bool withUVs, const float* positions, std::vector<uint8_t>* out) {
+// With sourceIds, a generic attribute holds each point's input vertex (integers: coded losslessly).
+bool Encode(const OzmEncode::Mesh& mesh, bool withUVs, const float* positions, const DracoOptions& options,
+            bool sourceIds, std::vector<uint8_t>* out) {
   draco::Mesh dm;
   const size_t n = mesh.VertexCount();
   dm.set_num_points(static_cast<uint32_t>(n));
   AddFloatAttribute(&dm, draco::GeometryAttribute::POSITION, 3, positions, n);
   if (withUVs) AddFloatAttribute(&dm, draco::GeometryAttribute::TEX_COORD, 2, mesh.uvs.data(), n);
+  if (sourceIds) {
+    draco::GeometryAttribute attribute;
+    attribute.Init(draco::GeometryAttribute::GENERIC, nullptr, 1, draco::DT_UINT32, false, sizeof(uint32_t), 0);
+    draco::PointAttribute* added = dm.attribute(dm.AddAttribute(attribute, true, static_cast<uint32_t>(n)));
+    for (uint32_t i = 0; i < n; ++i) added->SetAttributeValue(draco::AttributeValueIndex(i), &i);
+  }
   dm.SetNumFaces(mesh.faces.size());
   for (size_t f = 0; f < mesh.faces.size(); ++f) {
     const WelmMeshFace& t = mesh.faces[f];
@@ -40,7 +49,14 @@ bool Encode(const OzmEncode::Mesh& mesh, bool withUVs, const float* positions, s
                {draco::PointIndex(t.v[0]), draco::PointIndex(t.v[1]), draco::PointIndex(t.v[2])});
   }
   draco::Encoder encoder;
-  encoder.SetAttributeQuantization(draco::GeometryAttribute::POSITION, 16);
+  if (options.positionRange > 0) {
+    const OzmEncode::Box box = OzmEncode::BoundsOf(mesh.positions);
+    encoder.SetAttributeExplicitQuantization(draco::GeometryAttribute::POSITION, options.positionBits, 3, box.min,
+                                             options.positionRange);
+  } else {
+    encoder.SetAttributeQuantization(draco::GeometryAttribute::POSITION, options.positionBits);
+  }
+  if (options.speed >= 0) encoder.SetSpeedOptions(options.speed, options.speed);
   encoder.SetAttributeQuantization(draco::GeometryAttribute::TEX_COORD, 16);
   encoder.SetEncodingMethod(draco::MESH_EDGEBREAKER_ENCODING);
   draco::EncoderBuffer buffer;
@@ -65,16 +81,78 @@ void CopyAttribute(const draco::PointAttribute& attribute, uint32_t points, int 
   }
 }
 
-}  // namespace
-
-bool DracoEncode(const OzmEncode::Mesh& mesh, bool withUVs, std::vector<uint8_t>* out) {
-  return Encode(mesh, withUVs, mesh.positions.data(), out);
+// Positions on a grid of 2^bits steps per axis of the box. 16 bits is our own grid; fewer bits use
+// the non-negative steps 0 .. 2^bits - 1.
+int16_t QuantizePosition(float p, float min, float max, int bits) {
+  if (bits == 16) return OzmEncode::QuantizePosition(p, min, max);
+  if (!(max > min)) return 0;
+  const double steps = static_cast<double>((1 << bits) - 1);
+  const double t = std::clamp((static_cast<double>(p) - min) / (static_cast<double>(max) - min), 0.0, 1.0);
+  return static_cast<int16_t>(std::floor(t * steps + 0.5));
 }
 
-bool DracoConnectivityBytes(const OzmEncode::Mesh& mesh, size_t* bytes) {
+float DequantizePosition(int16_t q, float min, float max, int bits) {
+  if (bits == 16) return Ozm::DequantizePosition(q, min, max);
+  return min + (max - min) * (static_cast<float>(q) / static_cast<float>((1 << bits) - 1));
+}
+
+}  // namespace
+
+bool DracoEncode(const OzmEncode::Mesh& mesh, bool withUVs, std::vector<uint8_t>* out,
+                 const DracoOptions& options) {
+  return Encode(mesh, withUVs, mesh.positions.data(), options, false, out);
+}
+
+bool DracoPositionError(const OzmEncode::Mesh& mesh, const DracoOptions& options, double* maxError,
+                        size_t* bytes) {
+  std::vector<uint8_t> plain, tagged;
+  if (!Encode(mesh, false, mesh.positions.data(), options, false, &plain) ||
+      !Encode(mesh, false, mesh.positions.data(), options, true, &tagged)) {
+    return false;
+  }
+  *bytes = plain.size();
+  std::vector<OutputVertex> vertices;
+  std::vector<uint32_t> indices;
+  if (!DracoDecode(plain, &vertices, &indices)) return false;
+  std::vector<std::array<float, 3>> plainPositions, taggedPositions;
+  for (const OutputVertex& v : vertices) plainPositions.push_back({v.x, v.y, v.z});
+
+  draco::DecoderBuffer buffer;
+  buffer.Init(reinterpret_cast<const char*>(tagged.data()), tagged.size());
+  draco::Decoder decoder;
+  auto decoded = decoder.DecodeMeshFromBuffer(&buffer);
+  if (!decoded.ok()) return false;
+  const std::unique_ptr<draco::Mesh> dm = std::move(decoded).value();
+  const draco::PointAttribute* position = dm->GetNamedAttribute(draco::GeometryAttribute::POSITION);
+  const draco::PointAttribute* source = dm->GetNamedAttribute(draco::GeometryAttribute::GENERIC);
+  if (!position || position->data_type() != draco::DT_FLOAT32 || position->num_components() != 3 || !source ||
+      source->data_type() != draco::DT_UINT32 || source->num_components() != 1) {
+    return false;
+  }
+  std::vector<bool> seen(mesh.VertexCount(), false);  // every input vertex must come back
+  *maxError = 0;
+  for (uint32_t i = 0; i < dm->num_points(); ++i) {
+    const draco::PointIndex point(i);
+    uint32_t v = 0;
+    std::array<float, 3> p;
+    source->GetMappedValue(point, &v);
+    position->GetMappedValue(point, p.data());
+    if (v >= seen.size()) return false;
+    seen[v] = true;
+    taggedPositions.push_back(p);
+    for (int a = 0; a < 3; ++a) {
+      *maxError = std::max(*maxError, std::fabs(static_cast<double>(p[a]) - mesh.positions[3 * v + a]));
+    }
+  }
+  std::sort(plainPositions.begin(), plainPositions.end());
+  std::sort(taggedPositions.begin(), taggedPositions.end());
+  return plainPositions == taggedPositions && std::find(seen.begin(), seen.end(), false) == seen.end();
+}
+
+bool DracoConnectivityBytes(const OzmEncode::Mesh& mesh, size_t* bytes, const DracoOptions& options) {
   const std::vector<float> still(mesh.positions.size(), 0.0f);
   std::vector<uint8_t> out;
-  if (!Encode(mesh, false, still.data(), &out)) return false;
+  if (!Encode(mesh, false, still.data(), options, false, &out)) return false;
   *bytes = out.size();
   return true;
 }
@@ -187,10 +265,11 @@ bool MeshoptDecodeKeyFrame(const MeshoptKeyFrame& frame, MeshoptScratch* scratch
 }
 
 bool MeshoptEncodePositions(const std::vector<float>& positions, const std::vector<uint32_t>& remap,
-                            MeshoptPositions* out) {
+                            MeshoptPositions* out, int bits) {
   const size_t n = positions.size() / 3;
-  if (remap.size() != n) return false;
+  if (remap.size() != n || bits < 1 || bits > 16) return false;
   out->box = OzmEncode::BoundsOf(positions);
+  out->bits = bits;
   const float* lo = out->box.min;
   const float* hi = out->box.max;
   std::vector<int16_t> records(4 * n, 0);
@@ -198,8 +277,8 @@ bool MeshoptEncodePositions(const std::vector<float>& positions, const std::vect
   for (size_t i = 0; i < n; ++i) {
     int16_t* r = &records[4 * static_cast<size_t>(remap[i])];
     for (int a = 0; a < 3; ++a) {
-      r[a] = OzmEncode::QuantizePosition(positions[3 * i + a], lo[a], hi[a]);
-      const double back = Ozm::DequantizePosition(r[a], lo[a], hi[a]);
+      r[a] = QuantizePosition(positions[3 * i + a], lo[a], hi[a], bits);
+      const double back = DequantizePosition(r[a], lo[a], hi[a], bits);
       out->maxError = std::max(out->maxError, std::fabs(back - positions[3 * i + a]));
     }
   }
@@ -220,10 +299,11 @@ bool MeshoptDecodePositions(const MeshoptPositions& frame, size_t vertexCount, c
   const float* hi = frame.box.max;
   const int16_t* in = scratch->positions.data();
   OutputVertex* out = vertices->data();
+  const int bits = frame.bits;
   for (size_t i = 0; i < vertexCount; ++i) {
-    out[i] = {Ozm::DequantizePosition(in[4 * i], lo[0], hi[0]),
-              Ozm::DequantizePosition(in[4 * i + 1], lo[1], hi[1]),
-              Ozm::DequantizePosition(in[4 * i + 2], lo[2], hi[2]),
+    out[i] = {DequantizePosition(in[4 * i], lo[0], hi[0], bits),
+              DequantizePosition(in[4 * i + 1], lo[1], hi[1], bits),
+              DequantizePosition(in[4 * i + 2], lo[2], hi[2], bits),
               0.0f,
               0.0f,
               0.0f,

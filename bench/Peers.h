@@ -13,13 +13,34 @@ namespace OzmBench {
 
 // --- Draco: edgebreaker, 16-bit positions and texture coordinates, default speed settings. -------
 
+// Settings of a Draco encoding besides the defaults above.
+struct DracoOptions {
+  // Positions: `positionBits` over the largest extent of the mesh's box (SetAttributeQuantization).
+  // With `positionRange` above zero, over a cube of that side from the box's minimum corner
+  // (SetAttributeExplicitQuantization), which sets the step to range / (2^bits - 1) directly; the
+  // range must cover the box.
+  int positionBits = 16;
+  float positionRange = 0;
+  // SetSpeedOptions for encoding and decoding alike, 0 (smallest) to 10; -1 leaves Draco's default.
+  int speed = -1;
+};
+
 // Encodes the mesh (positions, and texture coordinates when withUVs). Every input vertex is its own
 // point, so nothing is merged. Returns false when the encoder refuses the mesh.
-bool DracoEncode(const OzmEncode::Mesh& mesh, bool withUVs, std::vector<uint8_t>* out);
+bool DracoEncode(const OzmEncode::Mesh& mesh, bool withUVs, std::vector<uint8_t>* out,
+                 const DracoOptions& options = {});
+
+// Encodes the positions alone (DracoEncode(mesh, false, &out, options), its size in *bytes), decodes
+// them and measures the largest distance, on any axis, of a decoded position from the input.
+// Edgebreaker reorders the points, so the distances come from a second encoding that also carries
+// each point's input vertex as a lossless integer attribute; returns false unless both decode to the
+// same positions.
+bool DracoPositionError(const OzmEncode::Mesh& mesh, const DracoOptions& options, double* maxError,
+                        size_t* bytes);
 
 // The bytes Draco spends on connectivity, bounded from above: the encoding of the same triangles
 // whose positions all coincide, so that the one attribute carries no information.
-bool DracoConnectivityBytes(const OzmEncode::Mesh& mesh, size_t* bytes);
+bool DracoConnectivityBytes(const OzmEncode::Mesh& mesh, size_t* bytes, const DracoOptions& options = {});
 
 // Decodes a mesh made by DracoEncode into output vertices (normal zero) and indices. The vectors
 // are resized to fit and may be reused between calls.
@@ -59,17 +80,19 @@ bool MeshoptDecodeIndices(const MeshoptKeyFrame& frame, std::vector<uint32_t>* i
 bool MeshoptDecodeKeyFrame(const MeshoptKeyFrame& frame, MeshoptScratch* scratch, std::vector<OutputVertex>* vertices,
                            std::vector<uint32_t>* indices);
 
-// An inter frame for meshoptimizer: the frame's positions quantised to 16 bits in its own box,
-// 8 bytes a vertex (x, y, z, pad) in the key frame's optimised order, encoded alone. Texture
+// An inter frame for meshoptimizer: the frame's positions quantised to 16 bits (or fewer) in its own
+// box, 8 bytes a vertex (x, y, z, pad) in the key frame's optimised order, encoded alone. Texture
 // coordinates do not change within a sequence and are not sent again.
 struct MeshoptPositions {
   std::vector<uint8_t> bytes;
   OzmEncode::Box box;
+  int bits = 16;        // 2^bits steps on each axis; 16 is our own grid, fewer leave the high bits zero
   double maxError = 0;  // largest distance on any axis of a dequantised position from the input
 };
 
+// bits: 1 to 16.
 bool MeshoptEncodePositions(const std::vector<float>& positions, const std::vector<uint32_t>& remap,
-                            MeshoptPositions* out);
+                            MeshoptPositions* out, int bits = 16);
 // Decodes the positions and writes the output vertices with the texture coordinates given per
 // vertex (2 floats each, optimised order).
 bool MeshoptDecodePositions(const MeshoptPositions& frame, size_t vertexCount, const std::vector<float>& uvs,
