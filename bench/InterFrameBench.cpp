@@ -15,6 +15,7 @@
 #include "OzmCore/encode/SequenceEncoder.h"
 #include "bench/BenchData.h"
 #include "bench/Benchmarks.h"
+#include "bench/InterSequences.h"
 #include "bench/Peers.h"
 #include "bench/Results.h"
 
@@ -23,33 +24,6 @@ namespace {
 
 using OzmEncode::InterCoding;
 
-struct SequenceCase {
-  const char* name;
-  const char* mesh;    // "bunny" is bunny-anim.anim; the others are moved by the same motion
-  size_t frames;       // frames of the sequence, from its start
-  size_t dracoFrames;  // inter frames that Draco codes, spread over the sequence (its encoder is slow)
-};
-
-// About 1.8 k, 29 k and 117 k vertices a frame. The subdivided sequences are two groups long, which
-// keeps their encoding (done before any timing) to a few seconds.
-constexpr SequenceCase kAnimations[] = {
-    {"bunny-anim", "bunny", 300, 30},
-    {"loop2-anim", "bunny-loop2", 60, 8},
-    {"loop3-anim", "bunny-loop3", 60, 4},
-};
-
-struct CodingCase {
-  InterCoding coding;
-  const char* name;
-};
-constexpr CodingCase kCodings[] = {
-    {InterCoding::ByteDelta, "ByteDelta"},
-    {InterCoding::Golomb, "Golomb"},
-    {InterCoding::Huffman, "Huffman"},
-    {InterCoding::TransformDelta, "TransformDelta"},
-};
-
-constexpr uint32_t kKeyFrameInterval = 30;
 constexpr double kMinVerticesPerSecond = 100e6;
 constexpr double kMinSizeRatioToDraco = 3;
 

@@ -17,6 +17,7 @@
 
 #include "OzmCore/encode/SequenceEncoder.h"
 #include "bench/BenchData.h"
+#include "bench/InterSequences.h"
 #include "bench/Peers.h"
 
 namespace OzmBench {
@@ -24,32 +25,6 @@ namespace {
 
 using OzmEncode::InterCoding;
 
-// The sequences of the Inter/ benchmarks (bench/InterFrameBench.cpp), with the same spread of inter
-// frames for Draco, whose encoder is slow.
-struct SequenceCase {
-  const char* name;
-  const char* mesh;
-  size_t frames;
-  size_t dracoFrames;
-};
-constexpr SequenceCase kSequences[] = {
-    {"bunny-anim", "bunny", 300, 30},
-    {"loop2-anim", "bunny-loop2", 60, 8},
-    {"loop3-anim", "bunny-loop3", 60, 4},
-};
-
-struct CodingCase {
-  InterCoding coding;
-  const char* name;
-};
-constexpr CodingCase kCodings[] = {
-    {InterCoding::ByteDelta, "ByteDelta"},
-    {InterCoding::Golomb, "Golomb"},
-    {InterCoding::Huffman, "Huffman"},
-    {InterCoding::TransformDelta, "TransformDelta"},
-};
-
-constexpr uint32_t kKeyFrameInterval = 30;
 constexpr int kMinBits = 8, kMaxDracoBits = 24, kMaxMeshoptBits = 16;
 constexpr double kGoalRatio = 3;
 
@@ -408,7 +383,7 @@ int main(int argc, char** argv) {
   }
   const auto start = std::chrono::steady_clock::now();
   OzmBench::Tables tables;
-  for (const OzmBench::SequenceCase& seq : OzmBench::kSequences) {
+  for (const OzmBench::SequenceCase& seq : OzmBench::kAnimations) {
     if (!only.empty() && only != seq.name) continue;
     std::string error;
     if (!OzmBench::RunSequence(seq, &tables, &error)) {
