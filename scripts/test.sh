@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets everything up and runs the whole test suite:
 #   host      the unit and integration tests (gcc, optimised with debug info)
-#   host-asan the same under AddressSanitizer and UndefinedBehaviorSanitizer
+#   host-asan the same under AddressSanitizer and UndefinedBehaviorSanitizer, but for three long
+#             encoder and command-line runs that the host run keeps (CMakePresets.json)
 #   host-tsan the tests of the player's threads, its ports and end-to-end playback under ThreadSanitizer
 #   fuzz      every fuzz target for a short fixed number of libFuzzer iterations (clang)
 #   linux-arm32, linux-arm64
