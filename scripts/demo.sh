@@ -32,7 +32,7 @@ cleanup() { if [ -n "$server" ]; then kill "$server" 2>/dev/null || true; wait "
 trap cleanup EXIT
 
 echo
-echo "== Encoding the built-in sample: 300 frames at 30 fps, H.264 texture, EdgeBreaker key frames, Huffman inter frames, a beep every second as AAC audio"
+echo "== Encoding the built-in sample: 300 frames at 30 fps, H.264 texture, EdgeBreaker key frames, inter frames in the smallest coding for each, a beep every second as AAC audio"
 "$ozm" encode --sample --sample-audio --out "$clip"
 
 echo
