@@ -518,6 +518,21 @@ TEST_F(PlayerTest, ScriptAndRenderThreadsDriveThePlayerTogether) {
 // ---------------------------------------------------------------------------------------------
 // Render step.
 
+// Mesh frames of the given timestamps (-1: none), and the timestamps of a queue.
+std::deque<std::shared_ptr<MeshFrame>> FramesAt(const std::vector<long long>& ns) {
+  std::deque<std::shared_ptr<MeshFrame>> queue;
+  for (long long t : ns) queue.push_back(std::make_shared<MeshFrame>(nullptr, nullptr, t));
+  return queue;
+}
+std::shared_ptr<MeshFrame> FrameAt(long long ns) {
+  return ns < 0 ? nullptr : std::make_shared<MeshFrame>(nullptr, nullptr, ns);
+}
+std::vector<long long> TimestampsOf(const std::deque<std::shared_ptr<MeshFrame>>& queue) {
+  std::vector<long long> ns;
+  for (const auto& f : queue) ns.push_back(f->Timestamp());
+  return ns;
+}
+
 TEST(FrameMatcher, AdvancesToThePictureAndThrowsAwayLeftoversAfterARestart) {
   const int64_t threshold = (1000000000LL / 30) * 10;
   ASSERT_EQ(threshold, 333333330);
@@ -542,18 +557,14 @@ TEST(FrameMatcher, AdvancesToThePictureAndThrowsAwayLeftoversAfterARestart) {
       {"restart, current within the threshold", {33333000}, 300000000, 0, true, 300000000, {33333000}, 0, 0, false},
   };
   for (const Case& c : cases) {
-    std::deque<std::shared_ptr<MeshFrame>> queue;
-    for (long long t : c.queueNs) queue.push_back(std::make_shared<MeshFrame>(nullptr, nullptr, t));
-    std::shared_ptr<MeshFrame> current =
-        c.currentNs < 0 ? nullptr : std::make_shared<MeshFrame>(nullptr, nullptr, c.currentNs);
+    std::deque<std::shared_ptr<MeshFrame>> queue = FramesAt(c.queueNs);
+    std::shared_ptr<MeshFrame> current = FrameAt(c.currentNs);
     const FrameAdvance a = AdvanceToPicture(queue, current, c.pictureNs, c.pendingRestart, threshold);
     EXPECT_EQ(a.slotsBack, c.slotsBack) << c.name;
     EXPECT_EQ(a.discarded, c.discarded) << c.name;
     EXPECT_EQ(a.restartHandled, c.restartHandled) << c.name;
     EXPECT_EQ(current ? current->Timestamp() : -1, c.expectCurrentNs) << c.name;
-    std::vector<long long> left;
-    for (const auto& f : queue) left.push_back(f->Timestamp());
-    EXPECT_EQ(left, c.expectQueueNs) << c.name;
+    EXPECT_EQ(TimestampsOf(queue), c.expectQueueNs) << c.name;
   }
 }
 
@@ -576,16 +587,12 @@ TEST(FrameMatcher, PicturesLatchedButNotShownGiveTheirMeshesSlotsBack) {
       {"the last pass's tail, new pass queued", {9966666000, 0}, 9933333000, 9966666000, true, {0}},
   };
   for (const Case& c : cases) {
-    std::deque<std::shared_ptr<MeshFrame>> queue;
-    for (long long t : c.queueNs) queue.push_back(std::make_shared<MeshFrame>(nullptr, nullptr, t));
-    const std::shared_ptr<MeshFrame> current =
-        c.currentNs < 0 ? nullptr : std::make_shared<MeshFrame>(nullptr, nullptr, c.currentNs);
+    std::deque<std::shared_ptr<MeshFrame>> queue = FramesAt(c.queueNs);
+    const std::shared_ptr<MeshFrame> current = FrameAt(c.currentNs);
     const int dropped = DropUnshownFrames(queue, current, c.pictureNs, c.pendingRestart, threshold);
     EXPECT_EQ(dropped, static_cast<int>(c.queueNs.size() - queue.size())) << c.name;
     EXPECT_EQ(current ? current->Timestamp() : -1, c.currentNs) << c.name << ": the shown frame stays current";
-    std::vector<long long> left;
-    for (const auto& f : queue) left.push_back(f->Timestamp());
-    EXPECT_EQ(left, c.expectQueueNs) << c.name;
+    EXPECT_EQ(TimestampsOf(queue), c.expectQueueNs) << c.name;
   }
 }
 
